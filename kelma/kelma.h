@@ -1,0 +1,12 @@
+// The whole exported API of kelma.
+#pragma once
+
+#include "kelma/common/Config.h"
+#include "kelma/common/Types.h"
+#include "kelma/threading/Threading.h"
+#include "kelma/colorimetry/ZKCObserver.h"
+#include "kelma/colorimetry/ZKCIlluminant.h"
+#include "kelma/colorimetry/ZKCLighting_Matrix.h"
+#include "kelma/colorimetry/ZKCWhitePoint.h"
+#include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
+#include "kelma/clut/ZKCUserParameter_Output.h"

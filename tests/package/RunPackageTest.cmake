@@ -1,0 +1,21 @@
+# Installs the freshly built library into a scratch prefix, then builds and
+# runs a host project that uses find_package(kelma) and kelma::kelma.
+file(REMOVE_RECURSE ${WORK_DIR})
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${KELMA_BUILD_DIR} --prefix ${WORK_DIR}/prefix
+  RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc)
+  message(FATAL_ERROR "install failed: ${rc}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -S ${KELMA_CONSUMER_DIR} -B ${WORK_DIR}/build -G Ninja
+  -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "configuring the host project failed: ${rc}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK_DIR}/build RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "building the host project failed: ${rc}")
+endif()
+execute_process(COMMAND ${WORK_DIR}/build/kelma_host RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "the host program failed: ${rc}")
+endif()
