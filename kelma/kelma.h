@@ -10,3 +10,6 @@
 #include "kelma/colorimetry/ZKCWhitePoint.h"
 #include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
 #include "kelma/clut/ZKCUserParameter_Output.h"
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
+#include "kelma/model/ZKCSSE_KELMA_Datafilter.h"
+#include "kelma/prediction/ZKCSSE_KELMA_Thread.h"

@@ -1,0 +1,62 @@
+// Scalar twin of CellSums_SSE.h: the cellular Neugebauer sums of one sample
+// before the Yule-Nielsen power, with the SSE version's single-precision
+// operations in the same order, lane by lane. Documentation and test oracle.
+#pragma once
+
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
+
+namespace KELMA_NAMESPACE {
+
+// Monomials of the local coordinates as NV vectors of 4 lanes (NV = 2^N / 4):
+//   V0 = (1, w0, w1, w0 w1);  V_i = w_(h+2) V_(i - 2^h), h = highest bit of i.
+// Element 4 i + lane is the product of w_k over the bits k of 4 i + lane,
+// i.e. the corner numbering of the coefficient block.
+template <int NV>
+inline void BuildMonomials_Scalar(const float* w, float (*V)[4]) {
+    V[0][0] = 1.0f;
+    V[0][1] = w[0];
+    V[0][2] = w[1];
+    V[0][3] = w[0] * w[1];
+    for (int i = 1; i < NV; ++i) {
+        int h = 31 - __builtin_clz(static_cast<unsigned int>(i));
+        for (int l = 0; l < 4; ++l) V[i][l] = w[h + 2] * V[i - (1 << h)][l];
+    }
+}
+
+// Balanced pairwise tree over vectors [lo, hi) of R_i[l] V_i[l]:
+// (R0V0 + R1V1) + (R2V2 + R3V3), and so on up the tree.
+inline float TreeSum_Scalar(const float* R, const float (*V)[4], int lo, int hi, int lane) {
+    if (hi - lo == 1) return R[4 * lo + lane] * V[lo][lane];
+    int mid = (lo + hi) / 2;
+    return TreeSum_Scalar(R, V, lo, mid, lane) + TreeSum_Scalar(R, V, mid, hi, lane);
+}
+
+// Sum for one (cell, wavelength) group R of 4 NV coefficients:
+// lanes P_l by the tree, then ((P0 + P1) + P2) + P3.
+template <int NV>
+inline float WavelengthSum_Scalar(const float* R, const float (*V)[4]) {
+    float P[4];
+    for (int l = 0; l < 4; ++l) P[l] = TreeSum_Scalar(R, V, 0, NV, l);
+    return ((P[0] + P[1]) + P[2]) + P[3];
+}
+
+// The `values` sums s_w (w = 0 .. values-1) of one sample of N = log2(4 NV)
+// inks: cell q = sum of the lookup offsets, block at q values 4 NV floats.
+template <int NV>
+inline void CellSums_Scalar(const ZKSSSE_EffectiveRampEntry* lut, const float* scheme, const unsigned char* sample,
+                            unsigned int values, float* sums) {
+    constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
+    std::uint32_t q = 0;
+    float w[N];
+    for (int k = 0; k < N; ++k) {
+        const ZKSSSE_EffectiveRampEntry& e = lut[256 * k + sample[k]];
+        q += e.cellOffset;
+        w[k] = e.weight;
+    }
+    float V[NV][4];
+    BuildMonomials_Scalar<NV>(w, V);
+    const float* block = scheme + static_cast<std::size_t>(q) * values * (4 * NV);
+    for (unsigned int wl = 0; wl < values; ++wl) sums[wl] = WavelengthSum_Scalar<NV>(block + wl * (4 * NV), V);
+}
+
+}  // namespace KELMA_NAMESPACE

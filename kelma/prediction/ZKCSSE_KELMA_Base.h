@@ -1,0 +1,48 @@
+// One thread's share of a prediction job: ink samples -> spectra (-> bytes).
+// Internal: the driver makes one kernel per share and runs it on a thread.
+#pragma once
+
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
+
+namespace KELMA_NAMESPACE {
+
+class ZKCSSE_KELMA_Base {
+public:
+    // valuesPerSample 31 selects colorimetric bytes (3 per illuminant);
+    // any other value is the number of spectral bytes per sample.
+    ZKCSSE_KELMA_Base(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input, float* spectra,
+                      unsigned char* bytes, unsigned long valuesPerSample, unsigned long spectrumStride);
+    virtual ~ZKCSSE_KELMA_Base();
+    ZKCSSE_KELMA_Base(const ZKCSSE_KELMA_Base&) = delete;
+    ZKCSSE_KELMA_Base& operator=(const ZKCSSE_KELMA_Base&) = delete;
+
+    // The ink-count specific prediction: `count` samples of N bytes to spectra
+    // of 31 values and a 0.0 pad. Values are (sum)^n unclamped: a negative sum
+    // with a non-integer n gives NaN, values above 1 are kept.
+    virtual void CalculateSpectra(unsigned int count, const unsigned char* input, float* spectra) = 0;
+    // Spectra (stride 32) -> XYZ (media-relative when the model says so and
+    // has a paper white) -> 3 bytes per illuminant, LAB2000HL or CIELAB.
+    virtual void CalculateColorimetry(const ZKCSSE_KELMA_Data& data, unsigned int count, const float* spectra,
+                                      unsigned char* bytes);
+    // Each of the first valuesPerSample values: round-half-away(255 v) with
+    // the low 8 bits kept, no clamp (1.003 -> 256 -> 0). NaN gives 0.
+    virtual void SpectraToBytes(unsigned int count, const float* spectra, unsigned char* bytes);
+
+    void SetInputOutput(unsigned char* input, unsigned char* bytes, bool cielab);
+    // Thread body: spectra, then bytes when a byte pointer is set.
+    void operator()();
+
+    unsigned int SampleCount() const { return count_; }
+
+protected:
+    const ZKCSSE_KELMA_Data& data_;
+    unsigned int count_;
+    unsigned char* input_;
+    float* spectra_;
+    unsigned char* bytes_;
+    unsigned int valuesPerSample_;
+    unsigned int spectrumStride_;
+    bool cielab_;
+};
+
+}  // namespace KELMA_NAMESPACE

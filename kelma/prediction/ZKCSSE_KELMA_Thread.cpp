@@ -1,0 +1,97 @@
+#include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
+
+#include "kelma/prediction/ZKCSSE_KELMA_4D.h"
+#include "kelma/prediction/ZKCSSE_KELMA_6D.h"
+#include "kelma/prediction/ZKCSSE_KELMA_7D.h"
+
+namespace KELMA_NAMESPACE {
+
+namespace {
+
+std::unique_ptr<ZKCSSE_KELMA_Base> MakeKernel(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                              unsigned char* input, float* spectra, unsigned char* bytes,
+                                              unsigned long valuesPerSample, unsigned long spectrumStride) {
+    switch (data.NumberOfInks()) {
+        case 4:
+            return std::make_unique<ZKCSSE_KELMA_4D>(data, count, input, spectra, bytes, valuesPerSample,
+                                                     spectrumStride);
+        case 6:
+            return std::make_unique<ZKCSSE_KELMA_6D>(data, count, input, spectra, bytes, valuesPerSample,
+                                                     spectrumStride);
+        case 7:
+            return std::make_unique<ZKCSSE_KELMA_7D>(data, count, input, spectra, bytes, valuesPerSample,
+                                                     spectrumStride);
+        default:
+            throw "DefaultCase";
+    }
+}
+
+bool HasKernel(unsigned int inks) { return inks == 4 || inks == 6 || inks == 7; }
+
+}  // namespace
+
+ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
+                                         float* output)
+    : model_(data) {
+    ThreadDistribution(model_, count, input, output, nullptr, kSpectralValues, kSpectrumStride);
+}
+
+ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
+                                         unsigned char* output, unsigned long valuesPerSample,
+                                         unsigned long spectrumStride)
+    : model_(data) {
+    // Room for the kernel's last write (the value at index valuesPerSample)
+    // even when a caller's stride is shorter than that.
+    std::size_t lastRecord = valuesPerSample + 1 > spectrumStride ? valuesPerSample + 1 : spectrumStride;
+    if (count != 0) spectralBuffer_ = AlignedBuffer<float>((count - 1) * std::size_t{spectrumStride} + lastRecord);
+    ThreadDistribution(model_, count, input, spectralBuffer_.data(), output, valuesPerSample, spectrumStride);
+}
+
+ZKCSSE_KELMA_Thread::~ZKCSSE_KELMA_Thread() { threads_.JoinAllNoThrow(); }
+
+unsigned int ZKCSSE_KELMA_Thread::CPUCount() { return KELMA_NAMESPACE::CPUCount(); }
+
+void ZKCSSE_KELMA_Thread::ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                             unsigned char* input, float* spectra, unsigned char* bytes,
+                                             unsigned long valuesPerSample, unsigned long spectrumStride) {
+    std::vector<ZKSWorkShare> shares = SplitWork(count, CPUCount());
+    kernels_.clear();
+    kernels_.resize(shares.size());
+    threads_.Resize(shares.size());
+    const unsigned int N = data.NumberOfInks();
+    std::size_t bytesPerSample = valuesPerSample;
+    if (bytes != nullptr && valuesPerSample == kSpectralValues)
+        bytesPerSample = 3 * std::size_t{data.Lighting_Matrix().IlluminantNumber()};
+    if (!HasKernel(N)) throw "DefaultCase";
+    for (std::size_t i = 0; i < shares.size(); ++i) {
+        const ZKSWorkShare& share = shares[i];
+        kernels_[i] = MakeKernel(data, static_cast<unsigned int>(share.count), input + share.start * N,
+                                 spectra + share.start * spectrumStride,
+                                 bytes != nullptr ? bytes + share.start * bytesPerSample : nullptr,
+                                 valuesPerSample, spectrumStride);
+        threads_.Start(i, *kernels_[i]);
+    }
+}
+
+void ZKCSSE_KELMA_Thread::Wait() { threads_.JoinAll(kernels_.size()); }
+
+void ZKCSSE_KELMA_Thread::Init(unsigned char* input, unsigned char* output, bool cielab) {
+    threads_.JoinAllNoThrow();
+    const unsigned int N = model_.NumberOfInks();
+    const std::size_t bytesPerSample = 3 * std::size_t{model_.Lighting_Matrix().IlluminantNumber()};
+    for (auto& kernel : kernels_) {
+        kernel->SetInputOutput(input, output, cielab);
+        input += std::size_t{kernel->SampleCount()} * N;
+        if (output != nullptr) output += kernel->SampleCount() * bytesPerSample;
+    }
+}
+
+void ZKCSSE_KELMA_Thread::Calculate() {
+    for (std::size_t i = 0; i < kernels_.size(); ++i) {
+        if (!HasKernel(model_.NumberOfInks())) throw "DefaultCase";
+        threads_.Start(i, *kernels_[i]);
+    }
+    threads_.JoinAll(kernels_.size());
+}
+
+}  // namespace KELMA_NAMESPACE

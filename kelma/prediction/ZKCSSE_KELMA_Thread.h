@@ -1,0 +1,65 @@
+// Predicts an array of ink samples with a printer model on one thread per
+// processor: spectra (32 floats per sample) or bytes per sample.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "kelma/common/AlignedBuffer.h"
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
+#include "kelma/threading/Threading.h"
+
+namespace KELMA_NAMESPACE {
+
+class ZKCSSE_KELMA_Base;
+
+// The work starts in the constructor: the model is copied, the samples are
+// split into T = min(processors, count) contiguous shares (the last takes the
+// remainder) and each share's kernel (4, 6 or 7 inks) runs on its own thread.
+// The destructor (or Wait) waits for them. Any other ink count throws
+// "DefaultCase" before a kernel is made.
+//
+// Preconditions (not checked): count >= 1 (with 0 nothing runs); `input`
+// holds count x N bytes; the output holds count x 32 floats (spectra) or the
+// bytes described below; both live until the driver is destroyed.
+// Not copyable: two handles on one set of running kernels would race.
+class KELMA_API ZKCSSE_KELMA_Thread {
+public:
+    // Spectra: 31 values and a 0.0 per sample, 32 floats apart.
+    ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input, float* output);
+    // Bytes: with valuesPerSample 31, 3 x L colorimetric bytes per sample (L =
+    // the model's illuminant count; LAB2000HL until Init asks for CIELAB);
+    // otherwise valuesPerSample spectral bytes. The spectra go to an internal
+    // buffer with `spectrumStride` floats per sample (32 in every use).
+    ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
+                        unsigned char* output, unsigned long valuesPerSample, unsigned long spectrumStride);
+    ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Thread&) = delete;
+    ZKCSSE_KELMA_Thread& operator=(const ZKCSSE_KELMA_Thread&) = delete;
+    virtual ~ZKCSSE_KELMA_Thread();
+
+    // Re-points every share at a new input and byte output (3 x L bytes per
+    // sample) and chooses CIELAB (true) or LAB2000HL (false) bytes. Waits for
+    // running work first. Starts nothing.
+    void Init(unsigned char* input, unsigned char* output, bool cielab);
+    // Runs every share again and waits for all of them.
+    void Calculate();
+    // Waits for the running work; rethrows a failure of any share (for
+    // example an allocation failure), which the destructor cannot report.
+    void Wait();
+
+    unsigned int ThreadsInUse() const { return static_cast<unsigned int>(kernels_.size()); }
+
+protected:
+    static unsigned int CPUCount();
+    void ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
+                            float* spectra, unsigned char* bytes, unsigned long valuesPerSample,
+                            unsigned long spectrumStride);
+
+private:
+    ZKCSSE_KELMA_Data model_;
+    std::vector<std::unique_ptr<ZKCSSE_KELMA_Base>> kernels_;
+    ZKCWorkerThreads threads_;
+    AlignedBuffer<float> spectralBuffer_;
+};
+
+}  // namespace KELMA_NAMESPACE
