@@ -1,0 +1,58 @@
+// Predicted samples per second for 4 inks (G = 5), 6 inks (G = 3) and
+// 7 inks (G = 3), spectral and byte mode, on one thread and on all.
+//   build/bench/bench_prediction --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include <benchmark/benchmark.h>
+
+#include <random>
+#include <vector>
+
+#include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
+#include "kelma/threading/Threading.h"
+#include "tests/support/ModelGenerator.h"
+
+namespace {
+
+constexpr unsigned int kSamples = 1u << 18;
+
+struct Setup {
+    unsigned int inks, grid;
+};
+
+void BM_Predict(benchmark::State& state) {
+    const Setup setups[] = {{4, 5}, {6, 3}, {7, 3}};
+    const Setup s = setups[state.range(0)];
+    const bool bytes = state.range(1) != 0;
+    const unsigned int threads = state.range(2) != 0 ? 0u : 1u;  // 0: all processors
+    kelma::SetCPUCountOverride(threads);
+    auto tm = kelma_test::MakeTestModel(s.inks, s.grid, 2.2, 42);
+    kelma::ZKCSSE_KELMA_Data model = tm.Build(true);
+    std::mt19937 rng(1);
+    std::vector<unsigned char> input(std::size_t{kSamples} * s.inks);
+    for (auto& v : input) v = static_cast<unsigned char>(rng());
+    kelma::AlignedBuffer<float> spectra(std::size_t{kSamples} * 32);
+    std::vector<unsigned char> out(std::size_t{kSamples} * 3);
+    for (auto _ : state) {
+        if (bytes) {
+            kelma::ZKCSSE_KELMA_Thread driver(model, kSamples, input.data(), out.data(), 31, 32);
+            driver.Wait();
+        } else {
+            kelma::ZKCSSE_KELMA_Thread driver(model, kSamples, input.data(), spectra.data());
+            driver.Wait();
+        }
+        benchmark::ClobberMemory();
+    }
+    kelma::SetCPUCountOverride(0);
+    state.SetItemsProcessed(state.iterations() * kSamples);
+    state.SetLabel(std::to_string(s.inks) + " inks, " + (bytes ? "bytes" : "spectra") + ", " +
+                   (threads == 1 ? "1 thread" : std::to_string(kelma::CPUCount()) + " threads"));
+}
+
+}  // namespace
+
+BENCHMARK(BM_Predict)
+    ->ArgsProduct({{0, 1, 2}, {0, 1}, {0, 1}})
+    ->ArgNames({"inks", "bytes", "all"})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+BENCHMARK_MAIN();

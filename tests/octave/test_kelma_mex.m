@@ -1,0 +1,101 @@
+function test_kelma_mex (fixture_dir)
+% The MEX file in a real host: predictions equal the C++ front end's bit for
+% bit, library failures become catchable Octave errors, and the checked
+% front end rejects every malformed argument with its own identifier.
+  passed = 0;
+  failed = 0;
+
+  function check (ok, what)
+    if (ok)
+      passed++;
+    else
+      failed++;
+      printf ("FAILED: %s\n", what);
+    end
+  end
+
+  function expect_error (f, id, what)
+    try
+      f ();
+      check (false, [what " (no error raised)"]);
+    catch err
+      check (strcmp (err.identifier, id), sprintf ("%s: identifier %s, expected %s (%s)", what, err.identifier, id, err.message));
+    end
+  end
+
+  for N = [4 6 7]
+    p = fullfile (fixture_dir, sprintf ("ink%d_", N));
+    meta = read_raw ([p "meta.u32"], "uint32=>double");
+    G = meta(1); count = meta(3);
+    grid = reshape (read_raw ([p "grid.f32"], "single=>single"), G, N);
+    ramps = reshape (read_raw ([p "ramps.f32"], "single=>single"), 256, N);
+    scheme = read_raw ([p "scheme.f32"], "single=>single");
+    n = read_raw ([p "n.f32"], "single=>single");
+    inks = reshape (read_raw ([p "inks.u8"], "uint8=>uint8"), N, count);
+    expected = reshape (read_raw ([p "expected.f32"], "single=>single"), 32, count);
+
+    out = kelma_mex (grid, ramps, scheme, n, inks);
+    check (isa (out, "single"), sprintf ("%d inks: class single", N));
+    check (isequal (size (out), [32 count]), sprintf ("%d inks: size 32 x count", N));
+    check (all (out(32,:) == 0), sprintf ("%d inks: row 32 is 0", N));
+    check (isequal (typecast (out(:), "uint32"), typecast (expected(:), "uint32")), sprintf ("%d inks: bit-identical to the C++ front end", N));
+    checked = kelma_predict (grid, ramps, scheme, n, inks);
+    check (isequal (typecast (checked(:), "uint32"), typecast (expected(:), "uint32")), sprintf ("%d inks: kelma_predict equals kelma_mex", N));
+    if (N == 4)
+      g4 = grid; r4 = ramps; s4 = scheme; n4 = n; i4 = inks;
+    end
+  end
+
+  % Failures inside the library: Octave survives and can catch them.
+  for N = [3 5]
+    grid = single (repmat ([0; 255], 1, N));
+    ramps = single (repmat ((0:255)' / 255, 1, N));
+    scheme = single (ones (31 * 2 ^ N, 1) * 0.8);
+    try
+      kelma_mex (grid, ramps, scheme, single (2), zeros (N, 3, "uint8"));
+      check (false, sprintf ("%d inks: no error raised", N));
+    catch err
+      % Octave prefixes the MEX file's name to the text ("kelma_mex: DefaultCase").
+      check (! isempty (regexp (err.message, '(^|: )DefaultCase$', "once")) && strcmp (err.identifier, "kelma:library"), ...
+             sprintf ("%d inks: got '%s' (%s)", N, err.message, err.identifier));
+    end
+  end
+  after = kelma_mex (g4, r4, s4, n4, i4(:, 1:3));
+  check (isequal (size (after), [32 3]), "the session goes on after a library error");
+
+  % The checked front end.
+  expect_error (@() kelma_predict (g4, r4, s4, n4), "kelma:predict:nargin", "4 arguments");
+  expect_error (@() kelma_predict (double (g4), r4, s4, n4, i4), "kelma:predict:class", "double grid");
+  expect_error (@() kelma_predict (g4, r4, s4, n4, double (i4)), "kelma:predict:class", "double inks");
+  expect_error (@() kelma_predict (g4, r4, s4, 2, i4), "kelma:predict:class", "double n");
+  expect_error (@() kelma_predict (g4, r4(1:255,:), s4, n4, i4), "kelma:predict:size", "short ramps");
+  expect_error (@() kelma_predict (g4, r4, s4(1:end-1), n4, i4), "kelma:predict:size", "short scheme");
+  expect_error (@() kelma_predict (g4, r4, s4, single (NaN), i4), "kelma:predict:n", "NaN n");
+  expect_error (@() kelma_predict (g4, r4, s4, single (-1), i4), "kelma:predict:n", "negative n");
+  expect_error (@() kelma_predict (g4, r4, s4, single ([2 2]), i4), "kelma:predict:n", "vector n");
+  expect_error (@() kelma_predict (g4, r4, s4, n4, i4(1:3,:)), "kelma:predict:size", "3 x count inks");
+  expect_error (@() kelma_predict (g4, r4, s4, n4, zeros (4, 0, "uint8")), "kelma:predict:empty", "empty batch");
+  expect_error (@() kelma_predict (g4(:, 1:3), r4(:, 1:3), s4, n4, i4(1:3,:)), "kelma:predict:inks", "3 inks");
+  bad = g4; bad(2, 1) = bad(3, 1);
+  expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "grid not ascending");
+  bad = g4; bad(1, 2) = 1;
+  expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "grid not starting at 0");
+  bad = g4; bad(end, 3) = 254;
+  expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "grid not ending at 255");
+  bad = g4; bad(2, 1) = bad(2, 1) + 0.5;
+  expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "fractional grid level");
+
+  printf ("%d passed, %d failed\n", passed, failed);
+  if (failed > 0)
+    exit (1);
+  end
+end
+
+function v = read_raw (path, precision)
+  fid = fopen (path, "rb");
+  if (fid < 0)
+    error ("cannot open %s", path);
+  end
+  v = fread (fid, Inf, precision);
+  fclose (fid);
+end
