@@ -22,57 +22,51 @@ unsigned int LevelOf(T gridPoint) {
 
 }  // namespace
 
-ZKCSSE_KELMA_Data::ZKCSSE_KELMA_Data(unsigned int numberOfInks, unsigned int numberOfGridPoints,
-                                     const float* gridPoints, const float* effectiveRamps,
-                                     const float* matrixScheme, float n, const ZKCLighting_Matrix& lightingMatrix,
-                                     INK_SET inkSet, bool isMediaRelative, bool printAbsolutColorimetric,
-                                     unsigned long numberOfSpectralValues)
+// Both public constructors: arrays copied (narrowed to float), the lookup
+// table built from the caller's own values, then the paper white.
+template <class T>
+ZKCSSE_KELMA_Data::ZKCSSE_KELMA_Data(const T* gridPoints, const T* effectiveRamps, const T* matrixScheme,
+                                     unsigned int numberOfInks, unsigned int numberOfGridPoints, float n,
+                                     const ZKCLighting_Matrix& lightingMatrix, INK_SET inkSet, bool isMediaRelative,
+                                     bool printAbsolutColorimetric, unsigned long numberOfSpectralValues)
     : numberOfSpectralValues_(static_cast<unsigned int>(numberOfSpectralValues)),
       numberOfInks_(numberOfInks),
       numberOfGridPoints_(numberOfGridPoints),
-      gridPoints_(Copy_Float_Matrix(gridPoints, numberOfInks * numberOfGridPoints)),
-      effectiveRamps_(Copy_Float_Matrix(effectiveRamps, numberOfInks * 256)),
-      matrixScheme_(Copy_SSE_Matrix(matrixScheme, MatrixSchemeCount(numberOfSpectralValues_, numberOfInks,
-                                                                    numberOfGridPoints))),
+      gridPoints_(CopyToFloat(gridPoints, numberOfInks * numberOfGridPoints)),
+      effectiveRamps_(CopyToFloat(effectiveRamps, numberOfInks * 256)),
+      matrixScheme_(CopyToSSE(matrixScheme,
+                              MatrixSchemeCount(numberOfSpectralValues_, numberOfInks, numberOfGridPoints))),
       n_(n),
       lightingMatrix_(lightingMatrix),
       inkSet_(inkSet),
       isMediaRelative_(isMediaRelative),
       printAbsolutColorimetric_(printAbsolutColorimetric),
       effectiveRampsLUT_(BuildEffectiveRampsLUT(numberOfInks, numberOfGridPoints, gridPoints, effectiveRamps)) {
-    FinishConstruction();
+    // The lighting matrices work on 31-value spectra, so only such a model
+    // gets its paper white; any other K keeps the empty default white point.
+    if (numberOfSpectralValues_ == kSpectralValues) mediaWhitePoint_ = CalculateWhitePoint(*this);
 }
+
+ZKCSSE_KELMA_Data::ZKCSSE_KELMA_Data(unsigned int numberOfInks, unsigned int numberOfGridPoints,
+                                     const float* gridPoints, const float* effectiveRamps,
+                                     const float* matrixScheme, float n, const ZKCLighting_Matrix& lightingMatrix,
+                                     INK_SET inkSet, bool isMediaRelative, bool printAbsolutColorimetric,
+                                     unsigned long numberOfSpectralValues)
+    : ZKCSSE_KELMA_Data(gridPoints, effectiveRamps, matrixScheme, numberOfInks, numberOfGridPoints, n,
+                        lightingMatrix, inkSet, isMediaRelative, printAbsolutColorimetric, numberOfSpectralValues) {}
 
 ZKCSSE_KELMA_Data::ZKCSSE_KELMA_Data(unsigned int numberOfInks, unsigned int numberOfGridPoints,
                                      const double* gridPoints, const double* effectiveRamps,
                                      const double* matrixScheme, double n, const ZKCLighting_Matrix& lightingMatrix,
                                      INK_SET inkSet, bool isMediaRelative, bool printAbsolutColorimetric,
                                      unsigned long numberOfSpectralValues)
-    : numberOfSpectralValues_(static_cast<unsigned int>(numberOfSpectralValues)),
-      numberOfInks_(numberOfInks),
-      numberOfGridPoints_(numberOfGridPoints),
-      gridPoints_(Copy_Double_To_Float_Matrix(gridPoints, numberOfInks * numberOfGridPoints)),
-      effectiveRamps_(Copy_Double_To_Float_Matrix(effectiveRamps, numberOfInks * 256)),
-      matrixScheme_(Copy_Double_To_SSE_Matrix(
-          matrixScheme, MatrixSchemeCount(numberOfSpectralValues_, numberOfInks, numberOfGridPoints))),
-      n_(static_cast<float>(n)),
-      lightingMatrix_(lightingMatrix),
-      inkSet_(inkSet),
-      isMediaRelative_(isMediaRelative),
-      printAbsolutColorimetric_(printAbsolutColorimetric),
-      effectiveRampsLUT_(BuildEffectiveRampsLUT(numberOfInks, numberOfGridPoints, gridPoints, effectiveRamps)) {
-    FinishConstruction();
-}
+    : ZKCSSE_KELMA_Data(gridPoints, effectiveRamps, matrixScheme, numberOfInks, numberOfGridPoints,
+                        static_cast<float>(n), lightingMatrix, inkSet, isMediaRelative, printAbsolutColorimetric,
+                        numberOfSpectralValues) {}
 
 ZKCSSE_KELMA_Data::ZKCSSE_KELMA_Data(const ZKCSSE_KELMA_Data& other) = default;
 
 ZKCSSE_KELMA_Data::~ZKCSSE_KELMA_Data() = default;
-
-void ZKCSSE_KELMA_Data::FinishConstruction() {
-    // The lighting matrices work on 31-value spectra, so only such a model
-    // gets its paper white; any other K keeps the empty default white point.
-    if (numberOfSpectralValues_ == kSpectralValues) mediaWhitePoint_ = CalculateWhitePoint(*this);
-}
 
 unsigned int ZKCSSE_KELMA_Data::MatrixSchemeCount(unsigned int K, unsigned int N, unsigned int G) {
     unsigned int cells = static_cast<unsigned int>(std::pow(static_cast<double>(G) - 1.0, static_cast<double>(N)));
@@ -97,6 +91,15 @@ AlignedBuffer<float> ZKCSSE_KELMA_Data::Copy_Double_To_SSE_Matrix(const double* 
     AlignedBuffer<float> out(count);
     for (unsigned int i = 0; i < count; ++i) out[i] = static_cast<float>(source[i]);
     return out;
+}
+
+std::vector<float> ZKCSSE_KELMA_Data::CopyToFloat(const float* s, unsigned int count) { return Copy_Float_Matrix(s, count); }
+std::vector<float> ZKCSSE_KELMA_Data::CopyToFloat(const double* s, unsigned int count) {
+    return Copy_Double_To_Float_Matrix(s, count);
+}
+AlignedBuffer<float> ZKCSSE_KELMA_Data::CopyToSSE(const float* s, unsigned int count) { return Copy_SSE_Matrix(s, count); }
+AlignedBuffer<float> ZKCSSE_KELMA_Data::CopyToSSE(const double* s, unsigned int count) {
+    return Copy_Double_To_SSE_Matrix(s, count);
 }
 
 // Per ink: walk t = 0..255; at each grid level (not 255) a new cell starts:

@@ -78,13 +78,21 @@ private:
     static AlignedBuffer<float> Copy_SSE_Matrix(const float* source, unsigned int count);
     static std::vector<float> Copy_Double_To_Float_Matrix(const double* source, unsigned int count);
     static AlignedBuffer<float> Copy_Double_To_SSE_Matrix(const double* source, unsigned int count);
+    static std::vector<float> CopyToFloat(const float* s, unsigned int count);
+    static std::vector<float> CopyToFloat(const double* s, unsigned int count);
+    static AlignedBuffer<float> CopyToSSE(const float* s, unsigned int count);
+    static AlignedBuffer<float> CopyToSSE(const double* s, unsigned int count);
+    template <class T>
+    ZKCSSE_KELMA_Data(const T* gridPoints, const T* effectiveRamps, const T* matrixScheme, unsigned int numberOfInks,
+                      unsigned int numberOfGridPoints, float n, const ZKCLighting_Matrix& lightingMatrix,
+                      INK_SET inkSet, bool isMediaRelative, bool printAbsolutColorimetric,
+                      unsigned long numberOfSpectralValues);
     static unsigned int MatrixSchemeCount(unsigned int K, unsigned int N, unsigned int G);
     template <class T>
     static std::vector<ZKSSSE_EffectiveRampEntry> BuildEffectiveRampsLUT(unsigned int N, unsigned int G,
                                                                          const T* gridPoints,
                                                                          const T* effectiveRamps);
     static ZKCWhitePoint CalculateWhitePoint(const ZKCSSE_KELMA_Data& data);
-    void FinishConstruction();
 
     unsigned int numberOfSpectralValues_;
     unsigned int numberOfInks_;
