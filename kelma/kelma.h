@@ -13,4 +13,6 @@
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 #include "kelma/model/ZKCSSE_KELMA_Datafilter.h"
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
+#include "kelma/sampling/ZKCSpectralSampling_Thread.h"
 #include "kelma/mex/ZKCMexGateway.h"
+#include "kelma/measurement/ZKCMeasurementFile.h"

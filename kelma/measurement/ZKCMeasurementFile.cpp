@@ -1,0 +1,405 @@
+#include "kelma/measurement/ZKCMeasurementFile.h"
+
+#include <lcms2.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+
+#include "kelma/sampling/ZKCSpectralSampling_Thread.h"
+
+namespace KELMA_NAMESPACE {
+
+ZKCMeasurementError::ZKCMeasurementError(const std::string& file, const std::string& problem)
+    : std::runtime_error(file + ": " + problem), file_(file), problem_(problem) {}
+
+ZKCMeasurementError::~ZKCMeasurementError() = default;
+
+namespace {
+
+// The parser takes a 32-bit length; real charts are well below a megabyte.
+constexpr std::size_t kMaxFileBytes = std::size_t(1) << 30;
+
+std::string ReadWholeFile(const std::string& path) {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> f(std::fopen(path.c_str(), "rb"), &std::fclose);
+    if (!f) throw ZKCMeasurementError(path, std::string("cannot open the file (") + std::strerror(errno) + ")");
+    std::string text;
+    char chunk[65536];
+    for (;;) {
+        std::size_t got = std::fread(chunk, 1, sizeof chunk, f.get());
+        text.append(chunk, got);
+        if (text.size() > kMaxFileBytes) throw ZKCMeasurementError(path, "file is larger than 1 GiB");
+        if (got < sizeof chunk) break;
+    }
+    if (std::ferror(f.get()))
+        throw ZKCMeasurementError(path, std::string("cannot read the file (") + std::strerror(errno) + ")");
+    if (text.empty()) throw ZKCMeasurementError(path, "file is empty");
+    return text;
+}
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+bool IsQuote(char c) { return c == '"' || c == '\''; }
+
+// Tokens of one line: blank-separated, "..." or '...' kept as one token
+// (quotes included), '#' outside quotes starts a comment.
+std::vector<std::string> Tokens(const std::string& line) {
+    std::vector<std::string> tokens;
+    std::size_t i = 0;
+    while (i < line.size()) {
+        while (i < line.size() && IsBlank(line[i])) ++i;
+        if (i >= line.size() || line[i] == '#') break;
+        std::size_t start = i;
+        if (IsQuote(line[i])) {
+            std::size_t close = line.find(line[i], i + 1);
+            i = close == std::string::npos ? line.size() : close + 1;
+        } else {
+            while (i < line.size() && !IsBlank(line[i]) && line[i] != '#') ++i;
+        }
+        tokens.push_back(line.substr(start, i - start));
+    }
+    return tokens;
+}
+
+struct DataLine {
+    std::size_t lineNumber;  // 1-based, in the file
+    std::vector<std::string> tokens;
+};
+
+// The file text with the tolerated deviations made strict, line for line (so
+// the parser's line numbers stay the file's), plus the first table's field
+// names and data lines as written, for the checks the parser does not make.
+struct PreparedText {
+    std::string text;
+    std::vector<std::string> formatFields;
+    std::vector<DataLine> dataLines;
+};
+
+std::string Unquoted(const std::string& token) {
+    if (token.size() >= 2 && IsQuote(token.front()) && token.back() == token.front())
+        return token.substr(1, token.size() - 2);
+    return token;
+}
+
+PreparedText Prepare(const std::string& file, const std::string& raw) {
+    enum { kHeader, kFormat, kData } state = kHeader;
+    int dataSections = 0, formatSections = 0;
+    PreparedText out;
+    out.text.reserve(raw.size() + 256);
+    std::size_t lineNumber = 0;
+    for (std::size_t pos = 0; pos < raw.size();) {
+        std::size_t end = raw.find('\n', pos);
+        if (end == std::string::npos) end = raw.size();
+        std::string line = raw.substr(pos, end - pos);
+        pos = end + 1;
+        ++lineNumber;
+        while (!line.empty() && (IsBlank(line.back()) || line.back() == '\r')) line.pop_back();
+
+        std::vector<std::string> tokens = Tokens(line);
+        const std::string first = tokens.empty() ? std::string() : tokens.front();
+        if (first == "BEGIN_DATA" && state == kFormat)
+            throw ZKCMeasurementError(file, "line " + std::to_string(lineNumber) +
+                                                ": BEGIN_DATA before END_DATA_FORMAT closes the data format");
+        if (first == "BEGIN_DATA_FORMAT") {
+            state = kFormat;
+            ++formatSections;
+            tokens.erase(tokens.begin());
+        } else if (first == "BEGIN_DATA") {
+            state = kData;
+            ++dataSections;
+            tokens.erase(tokens.begin());
+        } else if (first == "END_DATA" || first == "END_DATA_FORMAT") {
+            state = kHeader;
+            tokens.clear();
+        } else if (state == kHeader && tokens.size() > 1 && !IsQuote(first[0])) {
+            // KEYWORD value with blanks, unquoted -> KEYWORD "value" (a
+            // trailing # comment stays outside the quotes).
+            std::size_t valueStart = line.find(first) + first.size();
+            while (valueStart < line.size() && IsBlank(line[valueStart])) ++valueStart;
+            std::size_t valueEnd = std::min(line.find('#', valueStart), line.size());
+            std::string comment = line.substr(valueEnd);
+            while (valueEnd > valueStart && IsBlank(line[valueEnd - 1])) --valueEnd;
+            std::string value = line.substr(valueStart, valueEnd - valueStart);
+            if (value.find_first_of(" \t") != std::string::npos && value.find_first_of("\"'") == std::string::npos)
+                line = line.substr(0, valueStart) + '"' + value + '"' + (comment.empty() ? "" : " " + comment);
+        }
+        if (state == kFormat && formatSections == 1) {
+            if (!tokens.empty() && tokens.back() == "END_DATA_FORMAT") {
+                tokens.pop_back();
+                state = kHeader;
+            }
+            for (const auto& t : tokens) out.formatFields.push_back(Unquoted(t));
+        } else if (state == kData && dataSections == 1 && !tokens.empty()) {
+            out.dataLines.push_back({lineNumber, tokens});
+        }
+        out.text += line;
+        out.text += '\n';
+    }
+    return out;
+}
+
+// Strict decimal number (optional sign, digits, point, exponent), finite.
+bool ParseNumber(const char* text, double& value) {
+    if (text == nullptr) return false;
+    const char* first = text;
+    const char* last = text + std::strlen(text);
+    if (first != last && *first == '+') ++first;
+    if (first == last) return false;
+    auto result = std::from_chars(first, last, value, std::chars_format::general);
+    return result.ec == std::errc() && result.ptr == last && std::isfinite(value);
+}
+
+struct LcmsContext {
+    std::string firstError;
+};
+
+void CollectError(cmsContext context, cmsUInt32Number, const char* text) {
+    auto* state = static_cast<LcmsContext*>(cmsGetContextUserData(context));
+    if (state == nullptr || !state->firstError.empty() || text == nullptr) return;
+    // Loaded from memory, the parser's messages start with an empty file name.
+    state->firstError = std::strncmp(text, ": ", 2) == 0 ? text + 2 : text;
+}
+
+struct ContextDeleter {
+    void operator()(cmsContext c) const { cmsDeleteContext(c); }
+};
+struct IT8Deleter {
+    void operator()(void* h) const { cmsIT8Free(static_cast<cmsHANDLE>(h)); }
+};
+
+// "SPECTRAL_NM380" / "SPECTRAL_NM_380" -> 380. Returns false for other names;
+// throws for a spectral name whose wavelength cannot be read.
+bool SpectralWavelength(const std::string& file, const std::string& name, double& nm) {
+    static const std::string prefix = "SPECTRAL_NM";
+    if (name.compare(0, prefix.size(), prefix) != 0) return false;
+    std::string digits = name.substr(prefix.size());
+    if (!digits.empty() && digits[0] == '_') digits.erase(0, 1);
+    if (digits.empty() || digits.size() > 5 ||
+        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; }))
+        throw ZKCMeasurementError(file, "cannot read the wavelength of field " + name);
+    nm = std::stod(digits);
+    return true;
+}
+
+// Device channel family of a field name ("CMYK", "RGB", "5CLR", ...) and its
+// member ("C", "R", "3", ...); false when the name is not a device channel.
+bool DeviceChannel(const std::string& name, std::string& family, std::string& member) {
+    std::size_t underscore = name.find('_');
+    if (underscore == std::string::npos || underscore + 1 >= name.size()) return false;
+    family = name.substr(0, underscore);
+    member = name.substr(underscore + 1);
+    if (family == "CMYK" || family == "CMY" || family == "RGB") return true;
+    return family.size() == 4 && family.compare(1, 3, "CLR") == 0 &&
+           ((family[0] >= '2' && family[0] <= '9') || (family[0] >= 'A' && family[0] <= 'F'));
+}
+
+std::vector<std::string> FamilyMembers(const std::string& family) {
+    if (family == "CMYK") return {"C", "M", "Y", "K"};
+    if (family == "CMY") return {"C", "M", "Y"};
+    if (family == "RGB") return {"R", "G", "B"};
+    int n = family[0] <= '9' ? family[0] - '0' : family[0] - 'A' + 10;
+    std::vector<std::string> members;
+    for (int i = 1; i <= n; ++i) members.push_back(std::to_string(i));
+    return members;
+}
+
+std::string Join(const std::vector<std::string>& items) {
+    std::string s;
+    for (const auto& item : items) s += (s.empty() ? "" : ", ") + item;
+    return s;
+}
+
+}  // namespace
+
+ZKCMeasurementFile::ZKCMeasurementFile(const std::string& path, std::uint32_t required) {
+    const std::string& file = path;
+    data_.file = path;
+    PreparedText prepared = Prepare(file, ReadWholeFile(path));
+
+    // Ragged rows first: the parser reads the data as one stream of values,
+    // so a short row would otherwise shift every later value into the wrong field.
+    const std::size_t formatCount = prepared.formatFields.size();
+    for (const DataLine& line : prepared.dataLines) {
+        if (formatCount != 0 && line.tokens.size() != formatCount)
+            throw ZKCMeasurementError(file, "line " + std::to_string(line.lineNumber) + " has " +
+                                                std::to_string(line.tokens.size()) + " values, expected " +
+                                                std::to_string(formatCount) +
+                                                " (one per field of the data format)");
+    }
+
+    LcmsContext errors;
+    std::unique_ptr<std::remove_pointer_t<cmsContext>, ContextDeleter> context(cmsCreateContext(nullptr, &errors));
+    if (!context) throw std::bad_alloc();
+    cmsSetLogErrorHandlerTHR(context.get(), &CollectError);
+    std::unique_ptr<void, IT8Deleter> it8(cmsIT8LoadFromMem(
+        context.get(), prepared.text.data(), static_cast<cmsUInt32Number>(prepared.text.size())));
+    if (!it8)
+        throw ZKCMeasurementError(file, "not a readable CGATS file: " +
+                                            (errors.firstError.empty() ? std::string("parse error")
+                                                                       : errors.firstError));
+    cmsHANDLE h = it8.get();
+    cmsIT8SetTable(h, 0);  // the first table; a loaded file has at least one
+
+    const int fieldCount = cmsIT8EnumDataFormat(h, nullptr);
+    if (fieldCount <= 0 || formatCount == 0)
+        throw ZKCMeasurementError(file, "no data format (BEGIN_DATA_FORMAT ... END_DATA_FORMAT)");
+    // Field names as written: Little CMS 2.14 garbles names that begin with a
+    // digit (5CLR_1 comes back glued to the previous name). The parser's
+    // fields and sets must be the names and lines seen above, which are then
+    // looked up by the parser's indices.
+    const std::vector<std::string>& fields = prepared.formatFields;
+    if (static_cast<std::size_t>(fieldCount) != formatCount)
+        throw ZKCMeasurementError(file, "data format lists " + std::to_string(formatCount) +
+                                            " fields, the parser found " + std::to_string(fieldCount));
+
+    // Like the field count, a guard for the line lookups by the parser's row.
+    const double declaredSets = cmsIT8GetPropertyDbl(h, "NUMBER_OF_SETS");
+    const std::size_t patches = prepared.dataLines.size();
+    if (patches == 0) throw ZKCMeasurementError(file, "no patches in the data section");
+    if (declaredSets != static_cast<double>(patches))
+        throw ZKCMeasurementError(file, "NUMBER_OF_SETS is " + std::to_string(static_cast<long long>(declaredSets)) +
+                                            " but the data section has " + std::to_string(patches) + " lines");
+
+    auto Value = [&](std::size_t row, int col) {
+        const char* text = cmsIT8GetDataRowCol(h, static_cast<int>(row), col);
+        double v = 0.0;
+        if (ParseNumber(text, v)) return v;
+        const DataLine& line = prepared.dataLines[row];
+        const std::string& written = line.tokens[static_cast<std::size_t>(col)];
+        double unused = 0.0;
+        std::string hint = ParseNumber(written.c_str(), unused)
+                               ? " (the CGATS parser misreads this exponent form; write it as a plain decimal)"
+                               : "";
+        throw ZKCMeasurementError(file, "line " + std::to_string(line.lineNumber) + ", field " +
+                                            fields[static_cast<std::size_t>(col)] + ": '" + written +
+                                            "' is not a number" + hint);
+    };
+
+    // Classify the fields.
+    int idColumn = -1, nameColumn = -1;
+    int labColumn[3] = {-1, -1, -1};
+    std::vector<std::pair<double, int>> spectral;
+    std::vector<int> deviceColumns;
+    std::vector<std::string> families;
+    std::vector<std::vector<std::string>> familyMembers;
+    for (int c = 0; c < fieldCount; ++c) {
+        const std::string& name = fields[static_cast<std::size_t>(c)];
+        double nm = 0.0;
+        std::string family, member;
+        if (name == "SAMPLE_ID") {
+            idColumn = c;
+        } else if (name == "SAMPLE_NAME") {
+            nameColumn = c;
+        } else if (name == "LAB_L" || name == "LAB_A" || name == "LAB_B") {
+            int k = name == "LAB_L" ? 0 : (name == "LAB_A" ? 1 : 2);
+            if (labColumn[k] >= 0) throw ZKCMeasurementError(file, "field " + name + " appears twice");
+            labColumn[k] = c;
+        } else if (SpectralWavelength(file, name, nm)) {
+            spectral.push_back({nm, c});
+        } else if (DeviceChannel(name, family, member)) {
+            std::size_t f = std::find(families.begin(), families.end(), family) - families.begin();
+            if (f == families.size()) {
+                families.push_back(family);
+                familyMembers.emplace_back();
+            }
+            familyMembers[f].push_back(member);
+            deviceColumns.push_back(c);
+        }
+    }
+
+    // Device channel families must be complete, each member once.
+    for (std::size_t f = 0; f < families.size(); ++f) {
+        std::vector<std::string> expected = FamilyMembers(families[f]);
+        std::vector<std::string> missing;
+        for (const auto& m : expected)
+            if (std::count(familyMembers[f].begin(), familyMembers[f].end(), m) == 0)
+                missing.push_back(families[f] + "_" + m);
+        for (const auto& m : familyMembers[f]) {
+            if (std::count(expected.begin(), expected.end(), m) == 0)
+                throw ZKCMeasurementError(file, "unknown device channel field " + families[f] + "_" + m);
+            if (std::count(familyMembers[f].begin(), familyMembers[f].end(), m) > 1)
+                throw ZKCMeasurementError(file, "field " + families[f] + "_" + m + " appears twice");
+        }
+        if (!missing.empty())
+            throw ZKCMeasurementError(file, "device channel fields incomplete, missing " + Join(missing));
+    }
+    const int labFound = (labColumn[0] >= 0) + (labColumn[1] >= 0) + (labColumn[2] >= 0);
+    if (labFound != 0 && labFound != 3) {
+        std::vector<std::string> missing;
+        for (int k = 0; k < 3; ++k)
+            if (labColumn[k] < 0) missing.push_back(std::string("LAB_") + "LAB"[k]);
+        throw ZKCMeasurementError(file, "CIELAB fields incomplete, missing " + Join(missing));
+    }
+    std::sort(spectral.begin(), spectral.end());
+    for (std::size_t k = 1; k < spectral.size(); ++k)
+        if (spectral[k].first == spectral[k - 1].first)
+            throw ZKCMeasurementError(file, "wavelength " + std::to_string(static_cast<int>(spectral[k].first)) +
+                                                " nm appears in two spectral fields");
+
+    if ((required & MEASUREMENT_CONTENT_SPECTRA) && spectral.empty())
+        throw ZKCMeasurementError(file, "no spectral fields (SPECTRAL_NM<wavelength>)");
+    if ((required & MEASUREMENT_CONTENT_LAB) && labFound == 0)
+        throw ZKCMeasurementError(file, "no CIELAB fields (LAB_L, LAB_A, LAB_B)");
+    if ((required & MEASUREMENT_CONTENT_DEVICE) && deviceColumns.empty())
+        throw ZKCMeasurementError(file, "no device channel fields (CMYK_, CMY_, RGB_ or nCLR_)");
+
+    // Values, patch by patch.
+    data_.sampleIds.reserve(patches);
+    // IDs as written, for the same reason as the names (and so "007" stays "007").
+    const int idCol = idColumn >= 0 ? idColumn : nameColumn;
+    for (std::size_t r = 0; r < patches; ++r)
+        data_.sampleIds.push_back(idCol >= 0 ? Unquoted(prepared.dataLines[r].tokens[static_cast<std::size_t>(idCol)])
+                                             : std::to_string(r + 1));
+    for (int c : deviceColumns) data_.channelNames.push_back(fields[static_cast<std::size_t>(c)]);
+    data_.deviceValues.reserve(patches * deviceColumns.size());
+    for (std::size_t r = 0; r < patches; ++r)
+        for (int c : deviceColumns) data_.deviceValues.push_back(Value(r, c));
+    for (const auto& s : spectral) data_.wavelengths.push_back(s.first);
+    data_.spectra.reserve(patches * spectral.size());
+    for (std::size_t r = 0; r < patches; ++r)
+        for (const auto& s : spectral) data_.spectra.push_back(static_cast<float>(Value(r, s.second)));
+    if (labFound == 3) {
+        data_.lab.reserve(patches * 3);
+        for (std::size_t r = 0; r < patches; ++r)
+            for (int k = 0; k < 3; ++k) data_.lab.push_back(Value(r, labColumn[k]));
+    }
+
+    char** propertyNames = nullptr;
+    cmsUInt32Number propertyCount = cmsIT8EnumProperties(h, &propertyNames);
+    for (cmsUInt32Number i = 0; i < propertyCount && propertyNames != nullptr; ++i) {
+        const char* value = cmsIT8GetProperty(h, propertyNames[i]);
+        properties_.emplace_back(propertyNames[i], value != nullptr ? value : "");
+    }
+}
+
+ZKCMeasurementFile::~ZKCMeasurementFile() = default;
+
+std::string ZKCMeasurementFile::Property(const std::string& keyword) const {
+    for (const auto& p : properties_)
+        if (p.first == keyword) return p.second;
+    return "";
+}
+
+AlignedBuffer<float> ZKCMeasurementFile::Resample(SPECTRALSAMPLING_METHOD method) const {
+    if (!data_.HasSpectra()) throw ZKCMeasurementError(data_.file, "no spectral fields to resample");
+    std::unique_ptr<ZKCSpectralSampling_Thread> sampler;
+    try {
+        sampler.reset(new ZKCSpectralSampling_Thread(data_.wavelengths, method));
+    } catch (const char* text) {
+        if (std::strcmp(text, "DefaultCase") == 0) throw;
+        throw ZKCMeasurementError(data_.file, "spectral fields " + std::to_string(static_cast<int>(data_.wavelengths.front())) +
+                                                  "-" + std::to_string(static_cast<int>(data_.wavelengths.back())) +
+                                                  " nm: " + text);
+    }
+    AlignedBuffer<float> out(data_.PatchCount() * kSpectrumStride);
+    sampler->Init(data_.spectra.data(), out.data(), data_.PatchCount());
+    sampler->Calculate();
+    return out;
+}
+
+}  // namespace KELMA_NAMESPACE

@@ -1,0 +1,50 @@
+#include "kelma/sampling/ZKCSpectralSampling_Thread.h"
+
+#include "kelma/sampling/ZKCSpectralSampling.h"
+
+namespace KELMA_NAMESPACE {
+
+ZKCSpectralSampling_Thread::ZKCSpectralSampling_Thread(const std::vector<double>& wavelengths,
+                                                       SPECTRALSAMPLING_METHOD method)
+    : method_(method) {
+    ThreadDistribution(wavelengths);
+}
+
+ZKCSpectralSampling_Thread::~ZKCSpectralSampling_Thread() { threads_.JoinAllNoThrow(); }
+
+unsigned int ZKCSpectralSampling_Thread::CPUCount() { return KELMA_NAMESPACE::CPUCount(); }
+
+void ZKCSpectralSampling_Thread::ThreadDistribution(const std::vector<double>& wavelengths) {
+    const unsigned int n = CPUCount();
+    workers_.clear();
+    workers_.resize(n);
+    threads_.Resize(n);
+    for (auto& worker : workers_) {
+        switch (method_) {
+            case SPECTRALSAMPLING_LINEAR:
+                worker.reset(new ZKCSpectralSampling_Linear(wavelengths));
+                break;
+            case SPECTRALSAMPLING_CUBICSPLINE:
+                worker.reset(new ZKCSpectralSampling_CubicSpline(wavelengths));
+                break;
+            default:
+                throw "DefaultCase";
+        }
+    }
+    bands_ = static_cast<unsigned long>(workers_.front()->Wavelengths().size());
+}
+
+void ZKCSpectralSampling_Thread::Init(const float* in, float* out, unsigned long count) {
+    shares_ = SplitWork(count, workers_.size());
+    used_ = static_cast<unsigned int>(shares_.size());
+    for (std::size_t j = 0; j < shares_.size(); ++j)
+        workers_[j]->Init(in + shares_[j].start * bands_, out + shares_[j].start * kSpectrumStride,
+                          shares_[j].count);
+}
+
+void ZKCSpectralSampling_Thread::Calculate() {
+    for (unsigned int j = 0; j < used_; ++j) threads_.Start(j, *workers_[j]);
+    threads_.JoinAll(used_);
+}
+
+}  // namespace KELMA_NAMESPACE
