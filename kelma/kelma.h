@@ -14,5 +14,7 @@
 #include "kelma/model/ZKCSSE_KELMA_Datafilter.h"
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 #include "kelma/sampling/ZKCSpectralSampling_Thread.h"
+#include "kelma/clut/ZKCWorkerCLUT_Thread.h"
+#include "kelma/clut/ZKCKELMA_SubModel_Dispatcher.h"
 #include "kelma/mex/ZKCMexGateway.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"

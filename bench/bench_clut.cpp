@@ -1,0 +1,307 @@
+// 8-bit CLUT application: kelma's CLUT driver against Little CMS on the same
+// pixels and the same 17-point node tables (CMYK -> 3 on 17^4 nodes, RGB -> 3
+// on 17^3 nodes), on one thread and on all processors, random pixels (cache
+// hostile) and a smooth image with noise. Prints pixels per second and, at
+// the end, the kelma / Little CMS ratio per case (medians when repeated).
+//
+//   build-clut/bench/bench_clut --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+//
+// Little CMS is a peer only: a device link holding one CLUT stage filled from
+// the same nodes (8-bit node v as 16-bit v * 257), transformed with
+// cmsDoTransform (default flags: its own 8-bit optimisations apply). Its
+// results differ slightly (tetrahedral vs multilinear); kelma's driver is
+// checked against its reference loop before timing and the run aborts if a
+// single byte differs.
+#include <benchmark/benchmark.h>
+#include <lcms2.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kelma/clut/ZKCWorkerCLUT.h"
+#include "kelma/clut/ZKCWorkerCLUT_Thread.h"
+#include "kelma/threading/Threading.h"
+
+namespace {
+
+constexpr std::uint32_t kGrid = 17;
+constexpr std::size_t kPixels = std::size_t(1) << 20;
+
+// Smooth, non-linear tables in 0..255 so that neighbouring nodes differ.
+std::vector<std::uint8_t> CmykNodes() {
+    std::vector<std::uint8_t> nodes(kelma::ZKCWorkerCLUT_Thread::NodeArrayBytes(4, 3, kelma::CLUT_ACCURACY_17), 0);
+    std::size_t i = 0;
+    for (std::uint32_t c = 0; c < kGrid; ++c)
+        for (std::uint32_t m = 0; m < kGrid; ++m)
+            for (std::uint32_t y = 0; y < kGrid; ++y)
+                for (std::uint32_t k = 0; k < kGrid; ++k) {
+                    double C = c / 16.0, M = m / 16.0, Y = y / 16.0, K = k / 16.0;
+                    double w = (1.0 - K) * (1.0 - 0.1 * C * M);
+                    nodes[i++] = static_cast<std::uint8_t>(std::lround(255.0 * w * std::pow(1.0 - C, 1.2)));
+                    nodes[i++] = static_cast<std::uint8_t>(std::lround(255.0 * w * std::pow(1.0 - M, 1.1)));
+                    nodes[i++] = static_cast<std::uint8_t>(std::lround(255.0 * w * (1.0 - Y) * (1.0 - 0.05 * C)));
+                }
+    return nodes;
+}
+
+std::vector<std::uint8_t> RgbNodes() {
+    std::vector<std::uint8_t> nodes(kelma::ZKCWorkerCLUT_Thread::NodeArrayBytes(3, 3, kelma::CLUT_ACCURACY_17), 0);
+    std::size_t i = 0;
+    for (std::uint32_t r = 0; r < kGrid; ++r)
+        for (std::uint32_t g = 0; g < kGrid; ++g)
+            for (std::uint32_t b = 0; b < kGrid; ++b) {
+                double R = r / 16.0, G = g / 16.0, B = b / 16.0;
+                nodes[i++] = static_cast<std::uint8_t>(std::lround(255.0 * std::pow(R, 1.0 / 2.2)));
+                nodes[i++] = static_cast<std::uint8_t>(std::lround(255.0 * (0.8 * G + 0.2 * R * B)));
+                nodes[i++] = static_cast<std::uint8_t>(std::lround(255.0 * std::sqrt(B * (0.5 + 0.5 * G))));
+            }
+    return nodes;
+}
+
+enum PixelKind { kRandom = 0, kImage = 1 };
+
+std::vector<std::uint8_t> Pixels(unsigned channels, PixelKind kind) {
+    std::vector<std::uint8_t> px(kPixels * channels);
+    std::mt19937 rng(channels * 7 + kind);
+    if (kind == kRandom) {
+        for (auto& v : px) v = static_cast<std::uint8_t>(rng());
+        return px;
+    }
+    // 1024 x 1024 image: gradients and a wave, plus +-3 of noise.
+    std::uniform_int_distribution<int> noise(-3, 3);
+    for (std::size_t p = 0; p < kPixels; ++p) {
+        double x = (p % 1024) / 1023.0, y = (p / 1024) / 1023.0;
+        double v[4] = {x, y, 0.5 + 0.5 * std::sin(6.0 * (x + y)), 0.3 * x * y};
+        for (unsigned c = 0; c < channels; ++c) {
+            int b = static_cast<int>(std::lround(255.0 * v[c])) + noise(rng);
+            px[p * channels + c] = static_cast<std::uint8_t>(b < 0 ? 0 : (b > 255 ? 255 : b));
+        }
+    }
+    return px;
+}
+
+// ---------------------------------------------------------------------------
+// Little CMS peer
+
+struct LcmsLink {
+    cmsHPROFILE profile = nullptr;
+    cmsHTRANSFORM transform = nullptr;
+
+    LcmsLink(const std::vector<std::uint8_t>& nodes, unsigned inputs) {
+        std::size_t count = 1;
+        for (unsigned a = 0; a < inputs; ++a) count *= kGrid;
+        std::vector<cmsUInt16Number> table(count * 3);
+        for (std::size_t i = 0; i < table.size(); ++i) table[i] = static_cast<cmsUInt16Number>(nodes[i] * 257u);
+        cmsPipeline* lut = cmsPipelineAlloc(nullptr, inputs, 3);
+        cmsPipelineInsertStage(lut, cmsAT_BEGIN, cmsStageAllocCLut16bit(nullptr, kGrid, inputs, 3, table.data()));
+        profile = cmsCreateProfilePlaceholder(nullptr);
+        cmsSetProfileVersion(profile, 4.3);
+        cmsSetDeviceClass(profile, cmsSigLinkClass);
+        cmsSetColorSpace(profile, inputs == 4 ? cmsSigCmykData : cmsSigRgbData);
+        cmsSetPCS(profile, cmsSigRgbData);
+        cmsWriteTag(profile, cmsSigAToB0Tag, lut);
+        cmsPipelineFree(lut);
+        transform = cmsCreateTransform(profile, inputs == 4 ? TYPE_CMYK_8 : TYPE_RGB_8, nullptr, TYPE_RGB_8,
+                                       INTENT_PERCEPTUAL, 0);
+        if (transform == nullptr) {
+            std::fprintf(stderr, "Little CMS refused the device link\n");
+            std::abort();
+        }
+    }
+    ~LcmsLink() {
+        cmsDeleteTransform(transform);
+        cmsCloseProfile(profile);
+    }
+};
+
+// One slice of cmsDoTransform, run by the library's thread helper.
+struct LcmsSlice {
+    cmsHTRANSFORM transform;
+    const std::uint8_t* in = nullptr;
+    std::uint8_t* out = nullptr;
+    std::uint32_t count = 0;
+    void operator()() { cmsDoTransform(transform, in, out, count); }
+};
+
+void RunLcms(const LcmsLink& link, unsigned inputs, const std::vector<std::uint8_t>& px,
+             std::vector<std::uint8_t>& out, unsigned threads, kelma::ZKCWorkerThreads& pool,
+             std::vector<LcmsSlice>& slices) {
+    std::vector<kelma::ZKSWorkShare> shares = kelma::SplitWork(kPixels, threads);
+    slices.assign(shares.size(), LcmsSlice{link.transform});
+    for (std::size_t i = 0; i < shares.size(); ++i) {
+        slices[i].in = px.data() + shares[i].start * inputs;
+        slices[i].out = out.data() + shares[i].start * 3;
+        slices[i].count = static_cast<std::uint32_t>(shares[i].count);
+        pool.Start(i, slices[i]);
+    }
+    pool.JoinAll(shares.size());
+}
+
+// ---------------------------------------------------------------------------
+
+unsigned ThreadsOf(const benchmark::State& state) {
+    return state.range(2) != 0 ? kelma::CPUCount() : 1u;
+}
+
+std::string Label(unsigned inputs, PixelKind kind, unsigned threads) {
+    return std::string(inputs == 4 ? "CMYK 17^4" : "RGB 17^3") + (kind == kRandom ? ", random" : ", image") +
+           ", " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+}
+
+void BM_Kelma(benchmark::State& state) {
+    const unsigned inputs = static_cast<unsigned>(state.range(0));
+    const PixelKind kind = static_cast<PixelKind>(state.range(1));
+    const unsigned threads = ThreadsOf(state);
+    const std::vector<std::uint8_t> nodes = inputs == 4 ? CmykNodes() : RgbNodes();
+    const std::vector<std::uint8_t> px = Pixels(inputs, kind);
+    std::vector<std::uint8_t> out(kPixels * 3), reference(kPixels * 3);
+
+    kelma::SetCPUCountOverride(threads);
+    kelma::ZKCWorkerCLUT_Thread driver(nodes.data(), inputs, 3, kelma::CLUT_ACCURACY_17, false);
+    kelma::SetCPUCountOverride(0);
+    // Bit-exactness against the plain reference loop, before any timing.
+    if (inputs == 4) {
+        kelma::ZKCWorkerCLUT_4x3 w(nodes.data(), kelma::CLUT_ACCURACY_17);
+        w.SetBuffers(px.data(), reference.data(), kPixels);
+        w.InterpolateWith(kelma::ZKEClutKernel::Reference);
+    } else {
+        kelma::ZKCWorkerCLUT_3x3 w(nodes.data(), kelma::CLUT_ACCURACY_17);
+        w.SetBuffers(px.data(), reference.data(), kPixels);
+        w.InterpolateWith(kelma::ZKEClutKernel::Reference);
+    }
+    driver.Init(px.data(), out.data(), kPixels);
+    driver.Calculate();
+    if (out != reference) {
+        state.SkipWithError("driver differs from the reference loop");
+        return;
+    }
+    for (auto _ : state) {
+        driver.Init(px.data(), out.data(), kPixels);
+        driver.Calculate();
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * kPixels);
+    state.SetLabel(Label(inputs, kind, threads));
+}
+
+void BM_LittleCMS(benchmark::State& state) {
+    const unsigned inputs = static_cast<unsigned>(state.range(0));
+    const PixelKind kind = static_cast<PixelKind>(state.range(1));
+    const unsigned threads = ThreadsOf(state);
+    const std::vector<std::uint8_t> nodes = inputs == 4 ? CmykNodes() : RgbNodes();
+    const std::vector<std::uint8_t> px = Pixels(inputs, kind);
+    std::vector<std::uint8_t> out(kPixels * 3);
+    LcmsLink link(nodes, inputs);
+    kelma::ZKCWorkerThreads pool(threads);
+    std::vector<LcmsSlice> slices;
+    for (auto _ : state) {
+        RunLcms(link, inputs, px, out, threads, pool, slices);
+        benchmark::ClobberMemory();
+    }
+    // How far the two interpolations drift apart on these pixels (information only).
+    std::vector<std::uint8_t> ours(kPixels * 3);
+    kelma::ZKCWorkerCLUT_Thread driver(nodes.data(), inputs, 3, kelma::CLUT_ACCURACY_17, false);
+    driver.Init(px.data(), ours.data(), kPixels);
+    driver.Calculate();
+    int worst = 0;
+    for (std::size_t i = 0; i < out.size(); ++i) worst = std::max(worst, std::abs(int(out[i]) - int(ours[i])));
+    state.counters["max_diff_vs_kelma"] = worst;
+    state.SetItemsProcessed(state.iterations() * kPixels);
+    state.SetLabel(Label(inputs, kind, threads));
+}
+
+// Single-thread kernels on one worker: reference loop, SSE2 and (if present) AVX2.
+// Args: inputs, kernel, pixel kind.
+void BM_Kernel(benchmark::State& state) {
+    const unsigned inputs = static_cast<unsigned>(state.range(0));
+    const auto kernel = static_cast<kelma::ZKEClutKernel>(state.range(1));
+    const PixelKind kind = static_cast<PixelKind>(state.range(2));
+    if (!kelma::ClutKernelSupported(kernel)) {
+        state.SkipWithError("kernel not supported here");
+        return;
+    }
+    const std::vector<std::uint8_t> nodes = inputs == 4 ? CmykNodes() : RgbNodes();
+    const std::vector<std::uint8_t> px = Pixels(inputs, kind);
+    std::vector<std::uint8_t> out(kPixels * 3);
+    std::unique_ptr<kelma::ZKCWorkerCLUT_Base> w;
+    if (inputs == 4)
+        w = std::make_unique<kelma::ZKCWorkerCLUT_4x3>(nodes.data(), kelma::CLUT_ACCURACY_17);
+    else
+        w = std::make_unique<kelma::ZKCWorkerCLUT_3x3>(nodes.data(), kelma::CLUT_ACCURACY_17);
+    w->SetBuffers(px.data(), out.data(), kPixels);
+    for (auto _ : state) {
+        w->InterpolateWith(kernel);
+        benchmark::ClobberMemory();
+    }
+    const char* names[] = {"reference", "SSE2", "AVX2"};
+    state.SetItemsProcessed(state.iterations() * kPixels);
+    state.SetLabel(std::string(inputs == 4 ? "CMYK" : "RGB") + (kind == kRandom ? " random, " : " image, ") +
+                   names[state.range(1)]);
+}
+
+void Cases(benchmark::internal::Benchmark* b) {
+    for (int inputs : {4, 3})
+        for (int kind : {kRandom, kImage})
+            for (int all : {0, 1}) b->Args({inputs, kind, all});
+    b->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+
+BENCHMARK(BM_Kelma)->Apply(Cases);
+BENCHMARK(BM_LittleCMS)->Apply(Cases);
+BENCHMARK(BM_Kernel)
+    ->ArgsProduct({{4, 3}, {0, 1, 2}, {kRandom, kImage}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// Keeps pixels per second by case (median aggregate when repeated) and prints
+// the kelma / Little CMS ratios after the normal console output.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& r : runs) {
+            if (r.error_occurred) continue;
+            const bool aggregate = r.run_type == Run::RT_Aggregate;
+            if (aggregate && r.aggregate_name != "median") continue;
+            auto it = r.counters.find("items_per_second");
+            if (it == r.counters.end()) continue;
+            std::string name = r.run_name.function_name;
+            std::string key = r.run_name.args;
+            if (!aggregate && seenMedian_.count(name + key)) continue;
+            if (aggregate) seenMedian_[name + key] = true;
+            rates_[name][key] = it->second.value;
+            labels_[name + key] = r.report_label;
+        }
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        std::printf("\n%-36s %14s %14s %8s\n", "case", "kelma px/s", "LittleCMS px/s", "ratio");
+        for (const auto& [key, lcms] : rates_["BM_LittleCMS"]) {
+            auto k = rates_["BM_Kelma"].find(key);
+            if (k == rates_["BM_Kelma"].end()) continue;
+            std::printf("%-36s %13.1fM %13.1fM %7.2fx\n", labels_["BM_Kelma" + key].c_str(), k->second / 1e6,
+                        lcms / 1e6, k->second / lcms);
+        }
+    }
+
+private:
+    std::map<std::string, std::map<std::string, double>> rates_;
+    std::map<std::string, std::string> labels_;
+    std::map<std::string, bool> seenMedian_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,77 @@
+// The per-pixel interpolation loops of the CLUT workers: a plain reference loop
+// (ClutKernel_Reference.cpp) and optimised twins (ClutKernel_SSE2.cpp,
+// ClutKernel_AVX2.cpp). All arithmetic is unsigned 32-bit integer and exact, so
+// every kernel gives the same bytes as the reference loop.
+//
+// Per pixel, three inputs and m outputs:
+//   e_a  = inputMap[a][c_a]                  (grid index << 5 | position f_a = e_a & 31)
+//   w_k  = P[f0 32 + f1][k & 3] * A[f2][k >> 2]     (8 weights summing to 32768)
+//   cell = stride0[e0 >> 5] + stride1[e1 >> 5] + (e2 >> 5)
+//   acc_j = sum over corners k of w_k * block[j 8 + k]   (block = cells + cell 8 m)
+//   out_j = outputMap[j][acc_j >> 15]
+// Four inputs: w_k = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2] (16 weights
+// summing to 2^20), cell = three strides + (e3 >> 5), shift 20. P and A are the
+// factors of ZKCClutWeightTable. acc_j <= 255 * 32^d, so the sum never wraps
+// and acc_j >> (5 d) <= 255. Pixels are interleaved on both sides.
+#pragma once
+
+#include <cstdint>
+
+#include "kelma/clut/ClutTables.h"
+
+namespace KELMA_NAMESPACE {
+
+// Read-only views of one worker's tables.
+struct ZKSClutTables3 {
+    const InputMapEntry* inputMap[3];
+    const OutputMapEntry* outputMap[7];  // m entries used
+    const std::uint32_t* stride0;        // g n^2
+    const std::uint32_t* stride1;        // g n
+    const std::uint8_t* cells;           // 8 m bytes per node, channel-major
+    const ClutPairWeight* pairs;         // ZKCClutWeightTable::Pairs()
+    const ClutPairWeight* axis;          // ZKCClutWeightTable::AxisFactors()
+};
+
+struct ZKSClutTables4 {
+    const InputMapEntry* inputMap[4];
+    const OutputMapEntry* outputMap[3];
+    const std::uint32_t* stride0;  // g n^3
+    const std::uint32_t* stride1;  // g n^2
+    const std::uint32_t* stride2;  // g n
+    const std::uint8_t* cells;     // 48 bytes per node, channel-major
+    const ClutPairWeight* pairs;   // ZKCClutWeightTable::Pairs()
+};
+
+enum class ZKEClutKernel {
+    Reference,  // plain C++ loop, the oracle of the others
+    SSE2,       // baseline ISA of the build
+    AVX2,       // needs AVX2 at run time
+};
+
+// True when the processor runs `kernel`.
+bool ClutKernelSupported(ZKEClutKernel kernel);
+// The fastest kernel this processor runs; decided once per process.
+ZKEClutKernel BestClutKernel();
+
+// count pixels of 3 bytes in, m bytes out; m is 3, 4 or 7 (others throw "DefaultCase").
+void InterpolateClut3(ZKEClutKernel kernel, const ZKSClutTables3& t, unsigned m, const std::uint8_t* in,
+                      std::uint8_t* out, std::uint32_t count);
+// count pixels of 4 bytes in, 3 bytes out.
+void InterpolateClut4x3(ZKEClutKernel kernel, const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
+                        std::uint32_t count);
+
+// The individual loops, named by kernel.
+void InterpolateClut3_Reference(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in, std::uint8_t* out,
+                                std::uint32_t count);
+void InterpolateClut4x3_Reference(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
+                                  std::uint32_t count);
+void InterpolateClut3_SSE2(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in, std::uint8_t* out,
+                           std::uint32_t count);
+void InterpolateClut4x3_SSE2(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
+                             std::uint32_t count);
+void InterpolateClut3_AVX2(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in, std::uint8_t* out,
+                           std::uint32_t count);
+void InterpolateClut4x3_AVX2(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
+                             std::uint32_t count);
+
+}  // namespace KELMA_NAMESPACE
