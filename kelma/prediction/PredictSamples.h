@@ -2,17 +2,20 @@
 // (CellSums_SSE.h) and then the Yule-Nielsen power of each.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
 #include "kelma/prediction/CellSums_SSE.h"
+#include "kelma/prediction/YuleNielsenPower.h"
 
 namespace KELMA_NAMESPACE {
 
-// out[w] = powf(s_w, n) in single precision for w < values, out[values] = 0.0;
-// input advances N bytes and out `outStride` floats per sample. powf keeps
-// its special cases: s = 0 -> 0 (n > 0), s = 1 -> 1, s < 0 with a
-// non-integer n -> NaN; nothing is clamped.
+// out[w] = s_w^n in single precision for w < values, out[values] = 0.0;
+// nothing is clamped. The power (YuleNielsenPower.h) stays within 2 ulp of
+// powf and keeps powf's special cases: s = 0 -> 0, s = 1 -> 1, s < 0 with a
+// non-integer n -> NaN. input advances N bytes and out `outStride` floats
+// per sample.
 template <int NV, int PASS>
 void PredictSamples(const ZKCSSE_KELMA_Data& data, unsigned int count, const unsigned char* input, float* out,
                     unsigned int values, unsigned int outStride) {
@@ -20,10 +23,15 @@ void PredictSamples(const ZKCSSE_KELMA_Data& data, unsigned int count, const uns
     const ZKSSSE_EffectiveRampEntry* lut = data.EffectiveRampsLUT().data();
     const float* scheme = data.MatrixScheme();
     const float n = data.n();
-    std::vector<float> sums(values + PASS);
+    // The power runs on whole 8-lane groups when the output record has room
+    // (31 values in a 32-float record); the extra lane holds 1.0 and its
+    // result is overwritten by the pad.
+    const unsigned int padded = (values + 7) / 8 * 8;
+    const unsigned int powerCount = padded <= outStride ? padded : values;
+    std::vector<float> sums(std::max(values + PASS, padded), 1.0f);
     for (unsigned int s = 0; s < count; ++s, input += N, out += outStride) {
         CellSums_SSE<NV, PASS>(lut, scheme, input, values, sums.data());
-        for (unsigned int w = 0; w < values; ++w) out[w] = std::pow(sums[w], n);
+        YuleNielsenPower(sums.data(), n, out, powerCount);
         out[values] = 0.0f;
     }
 }

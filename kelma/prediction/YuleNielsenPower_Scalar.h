@@ -1,0 +1,82 @@
+// Scalar twin of the vectorised Yule-Nielsen power (YuleNielsenPower_SSE.h,
+// YuleNielsenPower_AVX512.cpp): the same double-precision operations and
+// table reads in the same order, lane by lane, so all three agree bit for bit.
+//
+// x^y = 2^(y log2 x) for x a positive normal float and 0 < y <= 64:
+//   x = m 2^e, m in [1, 2); i = top 4 bits of m's fraction;
+//   r = m c_i - 1 with c_i = 1 / (1 + (i + 1/2) / 16), so |r| < 1/32;
+//   log2 x = (e - log2 c_i) + (r - r^2/2 + ... - r^6/6) / ln 2;
+//   t = y log2 x clamped to [-160, 130];
+//   k = nearest integer to 16 t, f = t - k / 16 in [-1/32, 1/32];
+//   2^t = 2^(k >> 4) 2^((k & 15) / 16) sum_{j <= 4} (f ln 2)^j / j!,
+//   rounded once to float.
+// Error: the double-precision value is good to about 1e-11 relative, so the
+// result is within 1 ulp of the correctly rounded one and within 2 ulp of
+// powf for the bases and exponents a model produces (bases 0..1.5, exponents
+// 1..15; the tests sweep them). Every other base (0, negative, subnormal,
+// inf, NaN) and exponent goes to powf itself, so the special cases are
+// powf's: 0 -> 0, 1 -> 1, negative base with a non-integer exponent -> NaN.
+#pragma once
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "kelma/common/Config.h"
+
+namespace KELMA_NAMESPACE {
+
+namespace yule_nielsen_power {
+
+// 16-entry tables, filled once, deterministically, on first use.
+struct alignas(64) ZKSPowerTables {
+    double invC[16];      // c_i
+    double log2C[16];     // log2 c_i
+    double exp2Frac[16];  // 2^(j / 16)
+};
+const ZKSPowerTables& PowerTables();
+
+constexpr double kInvLn2 = 1.4426950408889634;  // 1 / ln 2
+// log(1 + r) = r (1 - r/2 + r^2/3 - r^3/4 + r^4/5 - r^5/6), Horner from the top
+constexpr double kLog[6] = {1.0, -0.5, 1.0 / 3.0, -0.25, 0.2, -1.0 / 6.0};
+// (ln 2)^j / j!, j = 0..4
+constexpr double kExp[5] = {1.0, 0.69314718055994531, 0.24022650695910071, 0.055504108664821580,
+                            0.0096181291076284772};
+constexpr double kMinT = -160.0;  // 2^-160 rounds to 0 in float
+constexpr double kMaxT = 130.0;   // 2^130 rounds to inf in float
+
+inline bool ExponentInRange(float y) { return y > 0.0f && y <= 64.0f; }
+inline bool BaseInRange(float x) { return x >= FLT_MIN && x <= FLT_MAX; }
+
+}  // namespace yule_nielsen_power
+
+inline float YuleNielsenPowerLane_Scalar(float x, float y) {
+    using namespace yule_nielsen_power;
+    if (!ExponentInRange(y) || !BaseInRange(x)) return std::pow(x, y);
+    const ZKSPowerTables& T = PowerTables();
+    std::uint32_t bits;
+    std::memcpy(&bits, &x, 4);
+    std::int32_t e = static_cast<std::int32_t>(bits >> 23) - 127;
+    std::uint32_t i = (bits >> 19) & 15u;
+    std::uint32_t mbits = (bits & 0x007FFFFFu) | 0x3F800000u;
+    float m;
+    std::memcpy(&m, &mbits, 4);
+    double r = static_cast<double>(m) * T.invC[i] - 1.0;
+    double p = kLog[5];
+    for (int j = 4; j >= 0; --j) p = p * r + kLog[j];
+    double log2x = (static_cast<double>(e) - T.log2C[i]) + (p * r) * kInvLn2;
+    double t = static_cast<double>(y) * log2x;
+    t = t < kMinT ? kMinT : (t > kMaxT ? kMaxT : t);
+    double kd = std::nearbyint(t * 16.0);
+    std::int32_t k = static_cast<std::int32_t>(kd);
+    double f = t - kd * 0.0625;
+    double q = kExp[4];
+    for (int j = 3; j >= 0; --j) q = q * f + kExp[j];
+    std::uint64_t scaleBits = static_cast<std::uint64_t>((k >> 4) + 1023) << 52;
+    double scale;
+    std::memcpy(&scale, &scaleBits, 8);
+    return static_cast<float>((q * T.exp2Frac[k & 15]) * scale);
+}
+
+}  // namespace KELMA_NAMESPACE
