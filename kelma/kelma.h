@@ -18,3 +18,4 @@
 #include "kelma/clut/ZKCKELMA_SubModel_Dispatcher.h"
 #include "kelma/mex/ZKCMexGateway.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
+#include "kelma/modelbuilding/ZKCDefaultPressModel.h"

@@ -1,0 +1,21 @@
+// The embedded default printer model's arrays (internal). Defined in the
+// generated DefaultPressModel_Data.cpp, written by tools/kelma_fit_model.
+#pragma once
+
+#include <cstddef>
+
+#include "kelma/common/Config.h"
+
+namespace KELMA_NAMESPACE {
+namespace modelbuilding {
+
+extern const unsigned int kDefaultPressInks;
+extern const unsigned int kDefaultPressGridPoints;
+extern const double kDefaultPressN;
+extern const double kDefaultPressGridLevels[];      // inks x grid points
+extern const double kDefaultPressEffectiveRamps[];  // inks x 256
+extern const double kDefaultPressMatrixScheme[];    // kDefaultPressMatrixSchemeSize values
+extern const std::size_t kDefaultPressMatrixSchemeSize;
+
+}  // namespace modelbuilding
+}  // namespace KELMA_NAMESPACE
