@@ -1,0 +1,149 @@
+#include "common.h"
+
+#include <cmath>
+#include <sstream>
+
+namespace kelma_py {
+
+void ThrowValue(const std::string& message) { throw py::value_error(message); }
+void ThrowType(const std::string& message) { throw py::type_error(message); }
+
+std::string ShapeString(const Shape& shape) {
+    std::ostringstream s;
+    s << '(';
+    for (std::size_t i = 0; i < shape.size(); ++i) s << (i ? ", " : "") << shape[i];
+    if (shape.size() == 1) s << ',';
+    s << ')';
+    return s.str();
+}
+
+std::string ShapeString(const py::array& a) { return ShapeString(Shape(a.shape(), a.shape() + a.ndim())); }
+
+std::string DtypeString(const py::array& a) { return py::str(a.dtype()).cast<std::string>(); }
+
+py::array AsNdarray(const py::handle& obj, const char* name) {
+    if (py::isinstance<py::array>(obj)) return py::reinterpret_borrow<py::array>(obj);
+    if (obj.is_none()) ThrowType(std::string(name) + " must be an array, got None");
+    py::array a = py::array::ensure(obj);
+    if (!a) ThrowType(std::string(name) + " must be an array (or a nested sequence of numbers)");
+    return a;
+}
+
+namespace {
+
+std::string KindsText(unsigned kinds) {
+    return (kinds & kInteger) ? "a real (integer or floating-point) array" : "a floating-point array";
+}
+
+}  // namespace
+
+template <class T>
+CArray<T> AsNumeric(const py::handle& obj, const char* name, unsigned kinds) {
+    py::array a = AsNdarray(obj, name);
+    const char k = a.dtype().kind();
+    const bool ok = (k == 'f' && (kinds & kFloat)) || ((k == 'i' || k == 'u') && (kinds & kInteger));
+    if (!ok) ThrowType(std::string(name) + " must be " + KindsText(kinds) + ", got dtype " + DtypeString(a));
+    auto c = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(a);
+    if (!c) ThrowType(std::string(name) + ": cannot convert dtype " + DtypeString(a));
+    return c;
+}
+
+template CArray<float> AsNumeric<float>(const py::handle&, const char*, unsigned);
+template CArray<double> AsNumeric<double>(const py::handle&, const char*, unsigned);
+
+template <class T>
+CArray<T> AsExact(const py::handle& obj, const char* name) {
+    py::array a = AsNdarray(obj, name);
+    if (!a.dtype().is(py::dtype::of<T>())) {
+        const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
+        ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a) +
+                  " (convert with np.asarray(x, dtype=np." + want + ") after checking the range)");
+    }
+    return py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(a);
+}
+
+template CArray<std::uint8_t> AsExact<std::uint8_t>(const py::handle&, const char*);
+template CArray<std::uint16_t> AsExact<std::uint16_t>(const py::handle&, const char*);
+
+std::size_t BatchCount(const py::array& a, const char* name, py::ssize_t channels, const std::string& what,
+                       Shape* leading) {
+    if (a.ndim() < 1 || a.shape(a.ndim() - 1) != channels) {
+        std::ostringstream s;
+        s << name << " must have " << channels << " values (" << what << ") on its last axis, got shape "
+          << ShapeString(a);
+        ThrowValue(s.str());
+    }
+    std::size_t count = 1;
+    Shape lead;
+    for (py::ssize_t i = 0; i + 1 < a.ndim(); ++i) {
+        lead.push_back(a.shape(i));
+        count *= static_cast<std::size_t>(a.shape(i));
+    }
+    if (count == 0) ThrowValue(std::string(name) + " holds no record (shape " + ShapeString(a) + "): empty batch");
+    if (leading != nullptr) *leading = lead;
+    return count;
+}
+
+template <class T>
+CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* name) {
+    if (out.is_none()) return CArray<T>(shape);
+    if (!py::isinstance<py::array>(out)) ThrowType(std::string(name) + " must be a numpy array or None");
+    py::array a = py::reinterpret_borrow<py::array>(out);
+    const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
+    if (!a.dtype().is(py::dtype::of<T>()))
+        ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a));
+    if (Shape(a.shape(), a.shape() + a.ndim()) != shape)
+        ThrowValue(std::string(name) + " must have shape " + ShapeString(shape) + ", got " + ShapeString(a));
+    if (!(a.flags() & py::array::c_style)) ThrowValue(std::string(name) + " must be C-contiguous");
+    if (!a.writeable()) ThrowValue(std::string(name) + " must be writeable");
+    return py::reinterpret_borrow<CArray<T>>(a);
+}
+
+template CArray<float> OutputArray<float>(const py::object&, const Shape&, const char*);
+template CArray<std::uint8_t> OutputArray<std::uint8_t>(const py::object&, const Shape&,
+                                                                                 const char*);
+
+namespace {
+
+template <class T>
+void CheckFiniteImpl(const T* p, std::size_t n, const char* name) {
+    for (std::size_t i = 0; i < n; ++i)
+        if (!std::isfinite(p[i])) {
+            std::ostringstream s;
+            s << name << " must be finite, found " << p[i] << " at flat index " << i;
+            ThrowValue(s.str());
+        }
+}
+
+}  // namespace
+
+void CheckFinite(const float* p, std::size_t n, const char* name) { CheckFiniteImpl(p, n, name); }
+void CheckFinite(const double* p, std::size_t n, const char* name) { CheckFiniteImpl(p, n, name); }
+
+void CheckNotNaN(const double* p, std::size_t n, const char* name) {
+    for (std::size_t i = 0; i < n; ++i)
+        if (std::isnan(p[i])) ThrowValue(std::string(name) + " contains NaN at flat index " + std::to_string(i));
+}
+
+void ParallelFor(std::size_t total, const std::function<void(std::size_t, std::size_t)>& f,
+                 std::size_t inlineBelow) {
+    if (total == 0) return;
+    std::vector<kelma::ZKSWorkShare> shares = kelma::SplitWork(total, kelma::CPUCount());
+    if (shares.size() <= 1 || total < inlineBelow) {
+        f(0, total);
+        return;
+    }
+    struct Job {
+        const std::function<void(std::size_t, std::size_t)>* f;
+        std::size_t start, count;
+        void operator()() { (*f)(start, count); }
+    };
+    std::vector<Job> jobs;
+    jobs.reserve(shares.size());
+    for (const auto& s : shares) jobs.push_back({&f, s.start, s.count});
+    kelma::ZKCWorkerThreads threads(jobs.size());
+    for (std::size_t i = 0; i < jobs.size(); ++i) threads.Start(i, jobs[i]);
+    threads.JoinAll(jobs.size());
+}
+
+}  // namespace kelma_py

@@ -1,0 +1,94 @@
+// Helpers shared by the binding sources: argument checks that turn every bad
+// input into a ValueError or TypeError naming what was expected, array
+// conversion, and a small parallel loop over the library's thread split.
+#pragma once
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kelma/kelma.h"
+
+namespace kelma_py {
+
+namespace py = pybind11;
+
+using Shape = std::vector<py::ssize_t>;
+
+// A C-contiguous array of T (numpy casts and copies on the way in when needed).
+template <class T>
+using CArray = py::array_t<T, py::array::c_style | py::array::forcecast>;
+
+[[noreturn]] void ThrowValue(const std::string& message);
+[[noreturn]] void ThrowType(const std::string& message);
+
+std::string ShapeString(const Shape& shape);
+std::string ShapeString(const py::array& a);
+std::string DtypeString(const py::array& a);
+
+// Kinds of numeric input an argument may have ('b' bool, 'i'/'u' integers,
+// 'f' floating); anything else (complex, object, strings) is a TypeError.
+enum NumericKinds : unsigned { kFloat = 1, kInteger = 2 };
+
+// Any array-like as an ndarray, without conversion.
+py::array AsNdarray(const py::handle& obj, const char* name);
+
+// A C-contiguous array of T from `obj`, whose dtype must be of the allowed
+// kinds (copied and cast when needed; never a view the library could write).
+template <class T>
+CArray<T> AsNumeric(const py::handle& obj, const char* name, unsigned kinds);
+
+// A C-contiguous uint8 (or uint16) array; other dtypes are a TypeError.
+template <class T>
+CArray<T> AsExact(const py::handle& obj, const char* name);
+
+// Shape of a batch of records whose last axis has `channels` values: returns
+// the number of records (at least 1) and the leading shape.
+std::size_t BatchCount(const py::array& a, const char* name, py::ssize_t channels, const std::string& what,
+                       Shape* leading);
+
+// An optional caller-supplied output: C-contiguous, writable, of dtype T and
+// exactly this shape; otherwise a new array.
+template <class T>
+CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* name);
+
+void CheckFinite(const float* p, std::size_t n, const char* name);
+void CheckFinite(const double* p, std::size_t n, const char* name);
+void CheckNotNaN(const double* p, std::size_t n, const char* name);
+
+// Runs f(start, count) over [0, total) split as the library's drivers split
+// work (one share per processor, remainder on the last); small batches run on
+// the calling thread. Worker failures are rethrown here.
+void ParallelFor(std::size_t total, const std::function<void(std::size_t, std::size_t)>& f,
+                 std::size_t inlineBelow = 4096);
+
+// Runs `call`; a library failure (a plain character-string exception) comes
+// back as a ValueError holding the library's text followed by `context`.
+template <class F>
+auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
+    try {
+        return call();
+    } catch (const char* text) {
+        ThrowValue(std::string(text) + ": " + context);
+    }
+}
+
+// Lighting matrix from an illuminant description (a name, a 31-value SPD, a
+// sequence of those, or a LightingMatrix) and an observer (2 or 10).
+kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
+
+// Registration of each part of the module.
+void RegisterColorimetry(py::module_& m);
+void RegisterModel(py::module_& m);
+void RegisterPrediction(py::module_& m);
+void RegisterSampling(py::module_& m);
+void RegisterClut(py::module_& m);
+void RegisterModelBuilding(py::module_& m);
+
+}  // namespace kelma_py

@@ -1,0 +1,61 @@
+// The `kelma` extension module: spectral printer-model prediction,
+// colorimetry, resampling, measurement files and CLUTs on numpy arrays.
+#include <cstring>
+
+#include "common.h"
+
+namespace {
+
+namespace py = pybind11;
+
+// The library reports failures as plain character strings with fixed texts.
+bool IsArgumentText(const char* text) {
+    return std::strcmp(text, "DefaultCase") == 0 || std::strcmp(text, "Invalid IlluminantIndex") == 0 ||
+           std::strcmp(text, "Wavelength-list has less than 2 elements") == 0 ||
+           std::strcmp(text, "Invalid wavelength range") == 0;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(kelma, m) {
+    m.doc() = R"doc(Spectral printer-model library: cellular Yule-Nielsen modified spectral
+Neugebauer prediction of halftone prints (4, 6 or 7 inks), colorimetry
+(CIE XYZ, CIELAB, LAB2000HL), spectral resampling, CGATS measurement files
+and 8-bit colour look-up tables, on numpy arrays.
+
+Conventions: spectra are reflectance factors at 400-700 nm in 10 nm steps
+(kelma.WAVELENGTHS, 31 values); XYZ is on a 0-1 scale (perfect reflector
+Y = 1); ink values and colour bytes are uint8 with the channels on the last
+axis. Every computation runs on all processors (see set_cpu_count_override)
+with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
+
+    py::register_exception<kelma::ZKCMeasurementError>(m, "MeasurementError", PyExc_ValueError);
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p) std::rethrow_exception(p);
+        } catch (const char* text) {
+            PyErr_SetString(IsArgumentText(text) ? PyExc_ValueError : PyExc_RuntimeError, text);
+        }
+    });
+
+    m.def("cpu_count", &kelma::CPUCount,
+          "Worker threads the library starts per computation: the processors online, or the override.");
+    m.def(
+        "set_cpu_count_override",
+        [](long long count) {
+            if (count < 0 || count > 1024)
+                kelma_py::ThrowValue("the thread count override must be 0 (use the processor count) .. 1024, got " +
+                                     std::to_string(count));
+            kelma::SetCPUCountOverride(static_cast<unsigned>(count));
+        },
+        py::arg("count"),
+        R"doc(Caps (or raises) the number of worker threads of every later computation;
+0 restores the processor count. Results do not depend on it. 0..1024.)doc");
+
+    kelma_py::RegisterColorimetry(m);
+    kelma_py::RegisterModel(m);
+    kelma_py::RegisterPrediction(m);
+    kelma_py::RegisterSampling(m);
+    kelma_py::RegisterClut(m);
+    kelma_py::RegisterModelBuilding(m);
+}

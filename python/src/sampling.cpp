@@ -1,0 +1,233 @@
+// Spectral resampling onto the 31-point grid and CGATS measurement files.
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <sys/stat.h>
+
+#include "common.h"
+
+namespace kelma_py {
+
+namespace {
+
+constexpr unsigned kValues = kelma::kSpectralValues;
+constexpr unsigned kStride = kelma::kSpectrumStride;
+// The spline worker inverts a dense system of order 4 (n - 1) per processor.
+constexpr std::size_t kMaxSplineKnots = 1024;
+
+kelma::SPECTRALSAMPLING_METHOD Method(const std::string& name) {
+    std::string m = name;
+    std::transform(m.begin(), m.end(), m.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (m == "linear") return kelma::SPECTRALSAMPLING_LINEAR;
+    if (m == "spline") return kelma::SPECTRALSAMPLING_CUBICSPLINE;
+    ThrowValue("method must be 'linear' or 'spline' (clamped cubic spline), got '" + name + "'");
+}
+
+std::string Range(const std::vector<double>& w) {
+    std::ostringstream s;
+    s << w.front() << ".." << w.back() << " nm";
+    return s.str();
+}
+
+// A driver for this list, the library's own checks reported with what is expected.
+std::unique_ptr<kelma::ZKCSpectralSampling_Thread> Sampler(const std::vector<double>& w,
+                                                           kelma::SPECTRALSAMPLING_METHOD method) {
+    std::string context;
+    if (w.size() < 2) {
+        context = "wavelengths must list at least 2 values (nm), got " + std::to_string(w.size());
+    } else {
+        context = "wavelengths must start at or below 400 nm or end at or above 700 nm, got " + Range(w);
+    }
+    return WithContext(context, [&] { return std::make_unique<kelma::ZKCSpectralSampling_Thread>(w, method); });
+}
+
+// Resamples count spectra of n floats into count x 31 floats through 32-float records.
+void ResampleInto(kelma::ZKCSpectralSampling_Thread& sampler, const float* in, std::size_t n, std::size_t count,
+                  float* out) {
+    constexpr std::size_t kChunk = std::size_t(1) << 16;
+    kelma::AlignedBuffer<float> records(std::min(count, kChunk) * kStride);
+    for (std::size_t start = 0; start < count; start += kChunk) {
+        const std::size_t c = std::min(kChunk, count - start);
+        sampler.Init(in + start * n, records.data(), c);
+        sampler.Calculate();
+        for (std::size_t i = 0; i < c; ++i)
+            std::memcpy(out + (start + i) * kValues, records.data() + i * kStride, kValues * sizeof(float));
+    }
+}
+
+py::array_t<float> Resample(const py::object& spectraObj, const py::object& wavelengthsObj,
+                            const std::string& methodName) {
+    const kelma::SPECTRALSAMPLING_METHOD method = Method(methodName);
+    auto wl = AsNumeric<double>(wavelengthsObj, "wavelengths", kFloat | kInteger);
+    if (wl.ndim() != 1) ThrowValue("wavelengths must be 1-D (nm), got shape " + ShapeString(wl));
+    const std::size_t n = static_cast<std::size_t>(wl.shape(0));
+    std::vector<double> w(wl.data(), wl.data() + n);
+    CheckFinite(w.data(), n, "wavelengths");
+    for (std::size_t i = 1; i < n; ++i)
+        if (!(w[i] > w[i - 1])) {
+            std::ostringstream s;
+            s << "wavelengths must be strictly ascending, got " << w[i - 1] << " then " << w[i] << " at index " << i;
+            ThrowValue(s.str());
+        }
+    if (method == kelma::SPECTRALSAMPLING_CUBICSPLINE && n > kMaxSplineKnots)
+        ThrowValue("the spline takes at most " + std::to_string(kMaxSplineKnots) + " wavelengths, got " +
+                   std::to_string(n) + " (use method='linear' or thin the list)");
+    auto spectra = AsNumeric<float>(spectraObj, "spectra", kFloat | kInteger);
+    Shape shape;
+    const std::size_t count =
+        BatchCount(spectra, "spectra", static_cast<py::ssize_t>(n), "one value per wavelength", &shape);
+    CheckFinite(spectra.data(), spectra.size(), "spectra");
+    shape.push_back(kValues);
+    py::array_t<float> out(shape);
+    const float* in = spectra.data();
+    float* o = out.mutable_data();
+    {
+        py::gil_scoped_release release;
+        auto sampler = Sampler(w, method);
+        ResampleInto(*sampler, in, n, count, o);
+    }
+    return out;
+}
+
+std::uint32_t Required(const py::object& required) {
+    if (required.is_none()) return kelma::MEASUREMENT_CONTENT_ANY;
+    std::vector<std::string> names;
+    if (py::isinstance<py::str>(required))
+        names.push_back(required.cast<std::string>());
+    else
+        for (const auto& item : required) {
+            if (!py::isinstance<py::str>(item)) ThrowType("required must be a string or a sequence of strings");
+            names.push_back(item.cast<std::string>());
+        }
+    std::uint32_t mask = 0;
+    for (const auto& name : names) {
+        if (name == "spectra")
+            mask |= kelma::MEASUREMENT_CONTENT_SPECTRA;
+        else if (name == "lab")
+            mask |= kelma::MEASUREMENT_CONTENT_LAB;
+        else if (name == "device")
+            mask |= kelma::MEASUREMENT_CONTENT_DEVICE;
+        else if (name != "any")
+            ThrowValue("required content must be among 'spectra', 'lab', 'device' (or 'any'), got '" + name + "'");
+    }
+    return mask;
+}
+
+using FilePtr = std::shared_ptr<kelma::ZKCMeasurementFile>;
+
+FilePtr OpenFile(const py::object& pathObj, const py::object& required) {
+    const std::string path = py::str(py::module_::import("os").attr("fspath")(pathObj)).cast<std::string>();
+    const std::uint32_t mask = Required(required);
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0) {
+        PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+        throw py::error_already_set();
+    }
+    py::gil_scoped_release release;
+    return std::make_shared<kelma::ZKCMeasurementFile>(path, mask);
+}
+
+template <class T>
+py::array_t<T> Table(const std::vector<T>& v, py::ssize_t rows, py::ssize_t columns) {
+    py::array_t<T> out({rows, columns});
+    std::copy(v.begin(), v.end(), out.mutable_data());
+    return out;
+}
+
+}  // namespace
+
+void RegisterSampling(py::module_& m) {
+    m.def("resample", &Resample, py::arg("spectra"), py::arg("wavelengths"), py::arg("method") = "linear",
+          R"doc(Resamples spectra onto 400-700 nm in 10 nm steps (kelma.WAVELENGTHS), on all processors.
+
+spectra: real (..., n), one finite value per wavelength on the last axis.
+wavelengths: n strictly ascending, finite wavelengths in nm (n >= 2); the
+    list must start at or below 400 nm or end at or above 700 nm. Grid
+    wavelengths outside the list are extrapolated from its first or last
+    interval.
+method: 'linear' (piecewise linear) or 'spline' (cubic spline with zero
+    slope at both ends; at most 1024 wavelengths).
+Returns float32 (..., 31).)doc");
+
+    py::class_<kelma::ZKCMeasurementFile, FilePtr>(m, "MeasurementFile", R"doc(
+Patches of a CGATS / ISO 28178 measurement file (e.g. a characterisation
+chart), as numpy arrays.
+
+MeasurementFile(path, required='spectra')
+    path: str or os.PathLike.
+    required: 'spectra', 'lab', 'device', a sequence of those, or None/'any':
+        content whose absence is an error.
+Problems with the file raise kelma.MeasurementError (a ValueError) naming it;
+a missing file raises FileNotFoundError.
+)doc")
+        .def(py::init(&OpenFile), py::arg("path"), py::arg("required") = "spectra")
+        .def_property_readonly("path", [](const kelma::ZKCMeasurementFile& f) { return f.Data().file; })
+        .def_property_readonly("patch_count", [](const kelma::ZKCMeasurementFile& f) { return f.Data().PatchCount(); })
+        .def_property_readonly("sample_ids", [](const kelma::ZKCMeasurementFile& f) { return f.Data().sampleIds; },
+                               "Sample IDs as written (list of str), in file order.")
+        .def_property_readonly("channel_names",
+                               [](const kelma::ZKCMeasurementFile& f) { return f.Data().channelNames; },
+                               "Device channel columns in file order, e.g. ['CMYK_C', 'CMYK_M', 'CMYK_Y', 'CMYK_K'].")
+        .def_property_readonly(
+            "device_values",
+            [](const kelma::ZKCMeasurementFile& f) {
+                const auto& d = f.Data();
+                return Table(d.deviceValues, py::ssize_t(d.PatchCount()), py::ssize_t(d.ChannelCount()));
+            },
+            "float64 (patches, channels): device values as written (CMYK usually 0-100 %).")
+        .def_property_readonly(
+            "wavelengths",
+            [](const kelma::ZKCMeasurementFile& f) {
+                const auto& w = f.Data().wavelengths;
+                py::array_t<double> out(py::ssize_t(w.size()));
+                std::copy(w.begin(), w.end(), out.mutable_data());
+                return out;
+            },
+            "float64 (bands,): strictly ascending wavelengths (nm) of the spectral columns; empty without spectra.")
+        .def_property_readonly(
+            "spectra",
+            [](const kelma::ZKCMeasurementFile& f) {
+                const auto& d = f.Data();
+                return Table(d.spectra, py::ssize_t(d.PatchCount()), py::ssize_t(d.BandCount()));
+            },
+            "float32 (patches, bands): spectral values as written (reflectance factors 0-1 usually).")
+        .def_property_readonly(
+            "lab",
+            [](const kelma::ZKCMeasurementFile& f) -> py::object {
+                const auto& d = f.Data();
+                if (!d.HasLab()) return py::none();
+                return Table(d.lab, py::ssize_t(d.PatchCount()), 3);
+            },
+            "float64 (patches, 3): L*, a*, b* as written, or None when the file has none.")
+        .def("property", &kelma::ZKCMeasurementFile::Property, py::arg("keyword"),
+             "Header keyword value (e.g. 'ILLUMINATION_NAME'), '' when absent.")
+        .def(
+            "resample",
+            [](const kelma::ZKCMeasurementFile& f, const std::string& method) {
+                const kelma::SPECTRALSAMPLING_METHOD mm = Method(method);
+                const std::size_t count = f.Data().PatchCount();
+                if (!f.Data().HasSpectra())
+                    throw kelma::ZKCMeasurementError(f.Data().file, "no spectral fields to resample");
+                py::array_t<float> out({py::ssize_t(count), py::ssize_t(kValues)});
+                float* o = out.mutable_data();
+                {
+                    py::gil_scoped_release release;
+                    kelma::AlignedBuffer<float> records = f.Resample(mm);
+                    for (std::size_t i = 0; i < count; ++i)
+                        std::memcpy(o + i * kValues, records.data() + i * kStride, kValues * sizeof(float));
+                }
+                return out;
+            },
+            py::arg("method") = "linear",
+            "The spectra resampled onto 400-700 nm / 10 nm ('linear' or 'spline'): float32 (patches, 31).")
+        .def("__repr__", [](const kelma::ZKCMeasurementFile& f) {
+            const auto& d = f.Data();
+            return "<kelma.MeasurementFile '" + d.file + "': " + std::to_string(d.PatchCount()) + " patches, " +
+                   std::to_string(d.BandCount()) + " bands, " + std::to_string(d.ChannelCount()) + " channels" +
+                   (d.HasLab() ? ", Lab" : "") + ">";
+        });
+}
+
+}  // namespace kelma_py
