@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kelma/mex/ZKCMexGateway.h"
+#include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "tests/support/ModelGenerator.h"
 #include "tests/support/VectorMexHost.h"
 
@@ -58,6 +59,26 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "cannot write the fixture into %s\n", dir.c_str());
             return 1;
         }
+    }
+    // The embedded press model through the gateway, for the Octave loader.
+    kelma::ZKSPrinterModelArrays press = kelma::DefaultPressModelArrays();
+    const unsigned int count = 81;
+    std::vector<unsigned char> samples(std::size_t{count} * 4);
+    for (unsigned int s = 0; s < count; ++s)
+        for (unsigned int k = 0, rest = s; k < 4; ++k, rest /= 3) samples[s * 4 + k] = (rest % 3) * 127;
+    kelma_test::VectorMexHost host;
+    float n = static_cast<float>(press.n);
+    const void* prhs[5] = {host.Make<float>({press.numberOfGridPoints, 4}, press.gridPointsF),
+                           host.Make<float>({256, 4}, press.effectiveRampsF),
+                           host.Make<float>({press.matrixSchemeF.size(), 1}, press.matrixSchemeF),
+                           host.Make<float>({1, 1}, std::vector<float>{n}),
+                           host.Make<unsigned char>({4, count}, samples)};
+    void* plhs[1] = {nullptr};
+    kelma::MexGatewayBody(host, plhs, prhs);
+    if (!Write(dir + "/press_inks.u8", samples.data(), samples.size()) ||
+        !Write(dir + "/press_expected.f32", static_cast<const float*>(host.GetPr(plhs[0])), count * 32)) {
+        std::fprintf(stderr, "cannot write the fixture into %s\n", dir.c_str());
+        return 1;
     }
     return 0;
 }

@@ -1,4 +1,4 @@
-function test_kelma_mex (fixture_dir)
+function test_kelma_mex (fixture_dir, readme)
 % The MEX file in a real host: predictions equal the C++ front end's bit for
 % bit, library failures become catchable Octave errors, and the checked
 % front end rejects every malformed argument with its own identifier.
@@ -46,6 +46,15 @@ function test_kelma_mex (fixture_dir)
     end
   end
 
+  % The embedded press model, loaded in Octave, predicts what the library predicts.
+  press = kelma_default_model ();
+  check (isequal (size (press.grid), [3 4]) && isa (press.scheme, "single"), "press model arrays");
+  press_inks = reshape (read_raw (fullfile (fixture_dir, "press_inks.u8"), "uint8=>uint8"), 4, 81);
+  press_expected = reshape (read_raw (fullfile (fixture_dir, "press_expected.f32"), "single=>single"), 32, 81);
+  got = kelma_predict (press.grid, press.ramps, press.scheme, press.n, press_inks);
+  check (isequal (typecast (got(:), "uint32"), typecast (press_expected(:), "uint32")), "press model: bit-identical to the library");
+  expect_error (@() kelma_default_model ("/nonexistent/model.txt"), "kelma:model:open", "missing model file");
+
   % Failures inside the library: Octave survives and can catch them.
   for N = [3 5]
     grid = single (repmat ([0; 255], 1, N));
@@ -84,6 +93,19 @@ function test_kelma_mex (fixture_dir)
   expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "grid not ending at 255");
   bad = g4; bad(2, 1) = bad(2, 1) + 0.5;
   expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "fractional grid level");
+
+  % The README's Octave example runs as written.
+  text = fileread (readme);
+  blocks = regexp (text, '```octave\n(.*?)```', "tokens");
+  check (! isempty (blocks), "the README has an Octave example");
+  for b = 1:numel (blocks)
+    try
+      run_readme_block (blocks{b}{1});
+      check (true, "README example");
+    catch err
+      check (false, ["README example: " err.message]);
+    end
+  end
 
   printf ("%d passed, %d failed\n", passed, failed);
   if (failed > 0)

@@ -6,7 +6,15 @@ execute_process(COMMAND ${CMAKE_COMMAND} --install ${KELMA_BUILD_DIR} --prefix $
 if(rc)
   message(FATAL_ERROR "install failed: ${rc}")
 endif()
-execute_process(COMMAND ${CMAKE_COMMAND} -S ${KELMA_CONSUMER_DIR} -B ${WORK_DIR}/build -G Ninja
+# The host program is the README's C++ example, as a reader would copy it.
+file(READ ${README} readme)
+string(REGEX MATCH "```cpp\n([^`]*)```" block "${readme}")
+if(NOT CMAKE_MATCH_1)
+  message(FATAL_ERROR "the README has no C++ example")
+endif()
+file(WRITE ${WORK_DIR}/src/main.cpp "${CMAKE_MATCH_1}")
+file(COPY ${KELMA_CONSUMER_DIR}/CMakeLists.txt DESTINATION ${WORK_DIR}/src)
+execute_process(COMMAND ${CMAKE_COMMAND} -S ${WORK_DIR}/src -B ${WORK_DIR}/build -G Ninja
   -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "configuring the host project failed: ${rc}")

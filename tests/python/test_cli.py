@@ -1,0 +1,126 @@
+"""The command-line tool: the main job and the subcommands on real files,
+and clear one-line errors (never a traceback) for bad input."""
+import os
+import subprocess
+import sys
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+CLI = ROOT / "cli" / "kelma"
+CHART = ROOT / "data" / "aptec_pc10" / "APTEC_PC10_CardBoard_2023_v1_Spectral.txt"
+LAB_CHART = ROOT / "data" / "aptec_pc10" / "APTEC_PC10_CardBoard_2023_v1.txt"
+
+
+def run(*args, cwd=None):
+    return subprocess.run([sys.executable, str(CLI), *map(str, args)], capture_output=True, text=True,
+                          cwd=cwd, env=dict(os.environ), timeout=300)
+
+
+def failed_cleanly(result, *words):
+    assert result.returncode != 0
+    assert "Traceback" not in result.stderr
+    assert result.stderr.startswith("kelma: error:") or "usage:" in result.stderr
+    for w in words:
+        assert w in result.stderr, result.stderr
+
+
+def is_png(path):
+    data = Path(path).read_bytes()
+    return data[:8] == b"\x89PNG\r\n\x1a\n" and len(data) > 2000
+
+
+def test_demo_prints_the_accuracy_table_and_writes_both_pngs(tmp_path):
+    r = run("demo", "--out", tmp_path)
+    assert r.returncode == 0, r.stderr
+    assert is_png(tmp_path / "spectra.png") and is_png(tmp_path / "proof.png")
+    rows = {line[:34].strip(): line[34:].split() for line in r.stdout.splitlines() if line[34:].strip()}
+    count, mean, p95, worst = rows["held out (two folds), all"]
+    assert int(count) > 1400 and float(mean) <= 0.25 and float(p95) <= 0.55
+    assert float(rows["embedded model, all patches"][1]) <= 0.25
+    assert "Timings" in r.stdout
+
+
+def test_predict_lab_of_paper_and_solids_matches_the_measured_chart(tmp_path):
+    inks = tmp_path / "inks.csv"
+    inks.write_text("0,0,0,0\n100,0,0,0\n0,0,0,100\n")
+    r = run("predict", inks)
+    assert r.returncode == 0, r.stderr
+    lab = np.loadtxt(r.stdout.splitlines(), delimiter=",")
+    assert lab.shape == (3, 3)
+    assert abs(lab[0, 0] - 95.08) < 1.0          # the chart's paper white L*
+    assert lab[1, 1] < -20 and lab[1, 2] < -30   # cyan: negative a*, b*
+    assert lab[2, 0] < 25                        # solid black
+
+
+def test_predict_outputs_and_digital_input_agree(tmp_path):
+    pct, dig = tmp_path / "p.csv", tmp_path / "d.csv"
+    pct.write_text("40 40 40 0\n")
+    dig.write_text("102 102 102 0\n")   # 2.55 x 40 = 102
+    a = run("predict", pct, "--whitespace", "--output", "spectra")
+    b = run("predict", dig, "--whitespace", "--digital", "--output", "spectra")
+    assert a.returncode == 0 and a.stdout == b.stdout
+    assert len(a.stdout.split(",")) == 31
+    c = run("predict", pct, "--whitespace", "--output", "lab2000hl")
+    assert [int(v) for v in c.stdout.split(",")][0] < 255
+
+
+def test_fit_writes_a_model_that_predicts_like_the_embedded_one(tmp_path):
+    model = tmp_path / "press.npz"
+    r = run("fit", CHART, "--grid", "0,40,100", "--out", model)
+    assert r.returncode == 0, r.stderr
+    inks = tmp_path / "inks.csv"
+    inks.write_text("0,0,0,0\n70,40,0,0\n20,20,20,60\n")
+    mine = np.loadtxt(run("predict", inks, "--model", model).stdout.splitlines(), delimiter=",")
+    embedded = np.loadtxt(run("predict", inks).stdout.splitlines(), delimiter=",")
+    assert np.abs(mine - embedded).max() < 0.05
+
+
+def test_proof_and_resample(tmp_path):
+    image = np.zeros((8, 12, 4), np.uint8)
+    image[:, :, 3] = np.arange(12) * 20
+    np.save(tmp_path / "form.npy", image)
+    r = run("proof", tmp_path / "form.npy", tmp_path / "form.png", "--grid-points", "9")
+    assert r.returncode == 0, r.stderr
+    import matplotlib.pyplot as plt
+    rgb = plt.imread(tmp_path / "form.png")
+    assert rgb.shape[:2] == (8, 12)
+    assert rgb[0, 0, 0] > rgb[0, -1, 0]           # the K ramp darkens
+
+    out = tmp_path / "spectra.csv"
+    r = run("resample", CHART, out, "--method", "spline")
+    assert r.returncode == 0, r.stderr
+    lines = out.read_text().splitlines()
+    assert lines[0].startswith("SAMPLE_ID,NM400") and len(lines) == 1618
+
+
+@pytest.mark.parametrize("args, words", [
+    (["predict", "missing.csv"], ["missing.csv"]),
+    (["predict", "{bad_cols}"], ["columns", "4 inks"]),
+    (["predict", "{out_of_range}"], ["0-100"]),
+    (["predict", "{ok}", "--model", "{not_a_model}"], ["not a kelma model"]),
+    (["fit", CHART, "--grid", "0,50,100", "--out", "{model}"], ["lacks", "(50, 50, 0, 0)"]),
+    (["fit", CHART, "--grid", "zero,100", "--out", "{model}"], ["--grid"]),
+    (["fit", "{ok}", "--grid", "0,100", "--out", "{model}"], []),
+    (["proof", "{rgb}", "{png}"], ["4 channels"]),
+    (["proof", "missing.tif", "{png}"], ["does not exist"]),
+    (["resample", "missing.txt", "{csv}"], ["does not exist"]),
+    (["frobnicate"], ["invalid choice"]),
+])
+def test_bad_input_gives_one_clear_error(tmp_path, args, words):
+    files = {
+        "bad_cols": ("p.csv", "1,2,3\n"),
+        "out_of_range": ("r.csv", "0,0,0,120\n"),
+        "ok": ("ok.csv", "0,0,0,0\n"),
+        "not_a_model": ("m.npz", "not a zip"),
+    }
+    subst = {}
+    for key, (name, text) in files.items():
+        (tmp_path / name).write_text(text)
+        subst[key] = tmp_path / name
+    np.save(tmp_path / "rgb.npy", np.zeros((4, 4, 3), np.uint8))
+    subst.update(rgb=tmp_path / "rgb.npy", png=tmp_path / "o.png", csv=tmp_path / "o.csv", model=tmp_path / "o.npz")
+    argv = [str(a).format(**subst) if isinstance(a, str) else a for a in args]
+    failed_cleanly(run(*argv, cwd=tmp_path), *words)

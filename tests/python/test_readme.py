@@ -1,0 +1,12 @@
+"""The README's Python example runs as written."""
+import re
+from pathlib import Path
+
+README = Path(__file__).resolve().parents[2] / "README.md"
+
+
+def test_readme_python_examples_run():
+    blocks = re.findall(r"```python\n(.*?)```", README.read_text(), re.S)
+    assert blocks, "the README has no Python example"
+    for code in blocks:
+        exec(compile(code, str(README), "exec"), {})
