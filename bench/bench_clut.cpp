@@ -215,7 +215,7 @@ void BM_LittleCMS(benchmark::State& state) {
     state.SetLabel(Label(inputs, kind, threads));
 }
 
-// Single-thread kernels on one worker: reference loop, SSE2 and (if present) AVX2.
+// Single-thread kernels on one worker: reference loop, SSSE3 and AVX2 (where present).
 // Args: inputs, kernel, pixel kind.
 void BM_Kernel(benchmark::State& state) {
     const unsigned inputs = static_cast<unsigned>(state.range(0));
@@ -238,7 +238,7 @@ void BM_Kernel(benchmark::State& state) {
         w->InterpolateWith(kernel);
         benchmark::ClobberMemory();
     }
-    const char* names[] = {"reference", "SSE2", "AVX2"};
+    const char* names[] = {"reference", "SSSE3", "AVX2"};
     state.SetItemsProcessed(state.iterations() * kPixels);
     state.SetLabel(std::string(inputs == 4 ? "CMYK" : "RGB") + (kind == kRandom ? " random, " : " image, ") +
                    names[state.range(1)]);

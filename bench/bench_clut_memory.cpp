@@ -2,10 +2,14 @@
 //   clut        one 17-point CLUT from a 4-ink model (ZKCWorkerCLUT_Thread)
 //   dispatcher  the sub-model dispatcher walking all 35 four-ink subsets of a
 //               7-ink model at 17 points, applying each CLUT to 1 M pixels
-// Peak memory is the process's maximum resident set (getrusage ru_maxrss);
-// run one mode per process to see its own peak:
-//   build-clut/bench/bench_clut_memory clut
-//   build-clut/bench/bench_clut_memory dispatcher
+//   weights     creating the shared weight tables alone (three and four inputs)
+// Both CLUT modes include the shared four-input weight table (64 MiB), which
+// the first worker creates and the last one frees: the dispatcher frees and
+// recreates it on every step. Peak memory is the process's maximum resident
+// set (getrusage ru_maxrss); run one mode per process to see its own peak:
+//   build-clut2/bench/bench_clut_memory clut
+//   build-clut2/bench/bench_clut_memory dispatcher
+//   build-clut2/bench/bench_clut_memory weights
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -15,6 +19,7 @@
 #include <random>
 #include <vector>
 
+#include "kelma/clut/ClutTables.h"
 #include "kelma/clut/ZKCKELMA_SubModel_Dispatcher.h"
 #include "kelma/clut/ZKCWorkerCLUT_Thread.h"
 #include "kelma/threading/Threading.h"
@@ -53,6 +58,26 @@ void OneClut() {
                 kelma::CPUCount(), 1e3 * times[2], 1e3 * times[0], 1e3 * times[4]);
     std::printf("peak RSS: %.1f MiB before the CLUT, %.1f MiB after (+%.1f MiB)\n", before, PeakMiB(),
                 PeakMiB() - before);
+    const std::size_t cells = std::size_t(17 * 17 * 17 * 17) * 48;
+    std::printf("  of which: weight table %.1f MiB (shared; whole 2 MiB pages), cell blocks %.2f MiB per worker"
+                " x %u workers\n",
+                (std::size_t(1048577) * 64) / 1048576.0, cells / 1048576.0, kelma::CPUCount());
+}
+
+void Weights() {
+    for (unsigned inputs : {3u, 4u}) {
+        std::vector<double> times;
+        for (int run = 0; run < 5; ++run) {
+            Clock::time_point start = Clock::now();
+            kelma::ZKCClutWeightTable table(inputs);
+            times.push_back(Seconds(start));
+        }
+        std::sort(times.begin(), times.end());
+        std::printf("%u-input weight table (%zu rows of %u): create %.2f ms (median of 5, min %.2f, max %.2f)\n",
+                    inputs, (std::size_t(1) << (5 * inputs)) + 1, 1u << inputs, 1e3 * times[2],
+                    1e3 * times[0], 1e3 * times[4]);
+    }
+    std::printf("peak RSS: %.1f MiB\n", PeakMiB());
 }
 
 void WalkDispatcher() {
@@ -96,8 +121,10 @@ int main(int argc, char** argv) {
         OneClut();
     } else if (std::strcmp(mode, "dispatcher") == 0) {
         WalkDispatcher();
+    } else if (std::strcmp(mode, "weights") == 0) {
+        Weights();
     } else {
-        std::fprintf(stderr, "usage: %s clut|dispatcher\n", argv[0]);
+        std::fprintf(stderr, "usage: %s clut|dispatcher|weights\n", argv[0]);
         return 1;
     }
     return 0;

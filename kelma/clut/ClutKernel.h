@@ -1,18 +1,25 @@
 // The per-pixel interpolation loops of the CLUT workers: a plain reference loop
-// (ClutKernel_Reference.cpp) and optimised twins (ClutKernel_SSE2.cpp,
+// (ClutKernel_Reference.cpp) and optimised twins (ClutKernel_SSSE3.cpp,
 // ClutKernel_AVX2.cpp). All arithmetic is unsigned 32-bit integer and exact, so
 // every kernel gives the same bytes as the reference loop.
 //
 // Per pixel, three inputs and m outputs:
 //   e_a  = inputMap[a][c_a]                  (grid index << 5 | position f_a = e_a & 31)
-//   w_k  = P[f0 32 + f1][k & 3] * A[f2][k >> 2]     (8 weights summing to 32768)
+//   w_k  = W[f0 1024 + f1 32 + f2][k]        (the shared three-input table, 8 weights
+//                                             summing to 32768)
 //   cell = stride0[e0 >> 5] + stride1[e1 >> 5] + (e2 >> 5)
-//   acc_j = sum over corners k of w_k * block[j 8 + k]   (block = cells + cell 8 m)
+//   acc_j = sum over corners k of w_k * block[k m + j]   (block = cells + cell 8 m,
+//                                                          corner-major)
 //   out_j = outputMap[j][acc_j >> 15]
-// Four inputs: w_k = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2] (16 weights
-// summing to 2^20), cell = three strides + (e3 >> 5), shift 20. P and A are the
-// factors of ZKCClutWeightTable. acc_j <= 255 * 32^d, so the sum never wraps
-// and acc_j >> (5 d) <= 255. Pixels are interleaved on both sides.
+// Four inputs: w_k = W[f0 32768 + f1 1024 + f2 32 + f3][k] (the shared
+// four-input table, 16 weights summing to 2^20), cell = three strides +
+// (e3 >> 5), block = cells + cell 16 m, shift 20. acc_j <= 255 * 32^d, so the
+// sum never wraps and acc_j >> (5 d) <= 255. Pixels are interleaved on both sides.
+//
+// The reference loop reads W itself; the optimised kernels form the same
+// integers from its two factor tables (ZKCClutWeightTable):
+//   W[r][k] = P[f0 32 + f1][k & 3] * A[f2][k >> 2]          (three inputs)
+//   W[r][k] = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2]  (four inputs)
 #pragma once
 
 #include <cstdint>
@@ -27,7 +34,8 @@ struct ZKSClutTables3 {
     const OutputMapEntry* outputMap[7];  // m entries used
     const std::uint32_t* stride0;        // g n^2
     const std::uint32_t* stride1;        // g n
-    const std::uint8_t* cells;           // 8 m bytes per node, channel-major
+    const std::uint8_t* cells;           // 8 m bytes per node, corner-major
+    const std::uint32_t* weights;        // ZKCClutWeightTable::Rows(), 32769 rows of 8
     const ClutPairWeight* pairs;         // ZKCClutWeightTable::Pairs()
     const ClutPairWeight* axis;          // ZKCClutWeightTable::AxisFactors()
 };
@@ -38,14 +46,15 @@ struct ZKSClutTables4 {
     const std::uint32_t* stride0;  // g n^3
     const std::uint32_t* stride1;  // g n^2
     const std::uint32_t* stride2;  // g n
-    const std::uint8_t* cells;     // 48 bytes per node, channel-major
+    const std::uint8_t* cells;     // 48 bytes per node, corner-major
+    const std::uint32_t* weights;  // ZKCClutWeightTable::Rows(), 1048577 rows of 16
     const ClutPairWeight* pairs;   // ZKCClutWeightTable::Pairs()
 };
 
 enum class ZKEClutKernel {
     Reference,  // plain C++ loop, the oracle of the others
-    SSE2,       // baseline ISA of the build
-    AVX2,       // needs AVX2 at run time
+    SSSE3,      // 128-bit, needs SSSE3 (byte shuffles) at run time
+    AVX2,       // 256-bit, needs AVX2 at run time
 };
 
 // True when the processor runs `kernel`.
@@ -65,9 +74,9 @@ void InterpolateClut3_Reference(const ZKSClutTables3& t, unsigned m, const std::
                                 std::uint32_t count);
 void InterpolateClut4x3_Reference(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
                                   std::uint32_t count);
-void InterpolateClut3_SSE2(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in, std::uint8_t* out,
+void InterpolateClut3_SSSE3(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in, std::uint8_t* out,
                            std::uint32_t count);
-void InterpolateClut4x3_SSE2(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
+void InterpolateClut4x3_SSSE3(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
                              std::uint32_t count);
 void InterpolateClut3_AVX2(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in, std::uint8_t* out,
                            std::uint32_t count);

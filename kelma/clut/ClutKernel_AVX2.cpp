@@ -1,16 +1,21 @@
 // AVX2 twin of ClutKernel_Reference.cpp, compiled for that target only and
-// reached through BestClutKernel() when the processor has AVX2.
+// reached through BestClutKernel() when the processor has AVX2. It reads the
+// corner-major cell blocks directly; the byte shuffles are shared with the
+// SSSE3 kernel and described in ClutKernel_Shuffles.h.
 //
-// Same weights and split as the SSE2 kernel (pmaddwd takes signed 16-bit):
-//   w = 2^s hi + lo,  s = 8 for three inputs, 15 for four inputs
-//   acc_j = 2^s sum_k hi_k v_jk + sum_k lo_k v_jk   (exact, below 2^31)
-// Three inputs: one 256-bit vector carries the 8 corners of two channels.
-// Four inputs: one 256-bit vector carries the 16 corners of one channel.
+// Weights: the products of the factor tables (ZKCClutWeightTable), equal to
+// the rows of the shared table. pmaddwd multiplies signed 16-bit lanes, and a
+// weight reaches 32^d (32768 or 2^20), so each weight is split into halves:
+//   w = 2^s hi + lo,  s = 8  (three inputs: hi <= 128, lo <= 255)
+//                     s = 15 (four inputs:  hi <= 32,  lo <= 32767)
+//   acc_j = sum_k w_k v_kj = 2^s sum_k hi_k v_kj + sum_k lo_k v_kj
+// Every partial sum is below 2^31, so acc_j is the reference's integer exactly.
 #include <immintrin.h>
 
 #include <cstring>
 
 #include "kelma/clut/ClutKernel.h"
+#include "kelma/clut/ClutKernel_Shuffles.h"
 
 #define KELMA_AVX2 __attribute__((target("avx2")))
 
@@ -18,12 +23,7 @@ namespace KELMA_NAMESPACE {
 
 namespace {
 
-// [sum a, sum b, sum c, sum d] of four vectors of four 32-bit lanes.
-KELMA_AVX2 inline __m128i Reduce4(__m128i a, __m128i b, __m128i c, __m128i d) {
-    __m128i ab = _mm_add_epi32(_mm_unpacklo_epi32(a, b), _mm_unpackhi_epi32(a, b));
-    __m128i cd = _mm_add_epi32(_mm_unpacklo_epi32(c, d), _mm_unpackhi_epi32(c, d));
-    return _mm_add_epi32(_mm_unpacklo_epi64(ab, cd), _mm_unpackhi_epi64(ab, cd));
-}
+using namespace clut_shuffles;
 
 // One pair row (4 x 16 bits) repeated over the whole vector.
 KELMA_AVX2 inline __m256i BroadcastRow(const ClutPairWeight* row) {
@@ -32,52 +32,159 @@ KELMA_AVX2 inline __m256i BroadcastRow(const ClutPairWeight* row) {
     return _mm256_set1_epi64x(bits);
 }
 
-template <unsigned M>
-KELMA_AVX2 void Interpolate3(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
-                             std::uint32_t count) {
-    constexpr unsigned kPairs = (M + 1) / 2;
-    constexpr unsigned kGroups = (M + 3) / 4;
-    const __m256i lowMask = _mm256_set1_epi16(255);
-    alignas(16) std::uint32_t index[4 * kGroups];
-    for (std::uint32_t px = 0; px < count; ++px, in += 3, out += M) {
+KELMA_AVX2 inline __m128i Load16(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
+KELMA_AVX2 inline __m256i Mask(const std::int8_t* bytes) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(bytes));
+}
+// [16 bytes at lo | 16 bytes at hi]
+KELMA_AVX2 inline __m256i LoadPair(const std::uint8_t* lo, const std::uint8_t* hi) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(Load16(lo)), Load16(hi), 1);
+}
+// The same 16 bytes in both halves.
+KELMA_AVX2 inline __m256i LoadBoth(const void* p) { return _mm256_broadcastsi128_si256(Load16(p)); }
+
+// 2^s (x . hi) + (x . lo) per 32-bit lane, x . w = pmaddwd.
+template <int S>
+KELMA_AVX2 inline __m256i Products(__m256i x, __m256i hi, __m256i lo) {
+    return _mm256_add_epi32(_mm256_slli_epi32(_mm256_madd_epi16(x, hi), S), _mm256_madd_epi16(x, lo));
+}
+template <int S>
+KELMA_AVX2 inline __m128i Products(__m128i x, __m128i hi, __m128i lo) {
+    return _mm_add_epi32(_mm_slli_epi32(_mm_madd_epi16(x, hi), S), _mm_madd_epi16(x, lo));
+}
+
+// The three slot vectors of a three-output layout (ClutKernel_Shuffles.h) to
+// the channel sums: lanes 0..2 = acc_0..2, lane 3 is not used.
+//   u = r0 + r2, v = [r0.3 r1.0 r1.1 .], w = [r1.2 r1.3 r2.3 .]
+KELMA_AVX2 inline __m128i Gather3(__m128i r0, __m128i r1, __m128i r2) {
+    const __m128i u = _mm_add_epi32(r0, r2);
+    const __m128i v = _mm_alignr_epi8(r1, r0, 12);
+    const __m128i w = _mm_castps_si128(
+        _mm_shuffle_ps(_mm_castsi128_ps(r1), _mm_castsi128_ps(r2), _MM_SHUFFLE(3, 3, 3, 2)));
+    return _mm_add_epi32(_mm_add_epi32(u, v), w);
+}
+KELMA_AVX2 inline __m256i Gather3(__m256i r0, __m256i r1, __m256i r2) {
+    const __m256i u = _mm256_add_epi32(r0, r2);
+    const __m256i v = _mm256_alignr_epi8(r1, r0, 12);
+    const __m256i w = _mm256_castps_si256(
+        _mm256_shuffle_ps(_mm256_castsi256_ps(r1), _mm256_castsi256_ps(r2), _MM_SHUFFLE(3, 3, 3, 2)));
+    return _mm256_add_epi32(_mm256_add_epi32(u, v), w);
+}
+
+// Per pixel: the 8 weights of the three-input position in both halves,
+// w_k = P[f0 32 + f1][k & 3] * A[f2][k >> 2] <= 32768 (exact in unsigned 16 bits);
+// hi_k = w_k >> 8, lo_k = w_k & 255.
+struct Weights3 {
+    __m256i hi, lo;
+};
+KELMA_AVX2 inline Weights3 MakeWeights3(const ZKSClutTables3& t, InputMapEntry e0, InputMapEntry e1,
+                                        InputMapEntry e2) {
+    const __m256i pp = BroadcastRow(t.pairs + ((e0 & kClutPositionMask) * 32 + (e1 & kClutPositionMask)) * 4);
+    const __m256i aa = _mm256_broadcastsi128_si256(
+        _mm_load_si128(reinterpret_cast<const __m128i*>(t.axis + (e2 & kClutPositionMask) * 8)));
+    const __m256i w = _mm256_mullo_epi16(pp, aa);
+    return {_mm256_srli_epi16(w, 8), _mm256_and_si256(w, _mm256_set1_epi16(255))};
+}
+
+KELMA_AVX2 inline void Store(const OutputMapEntry* const* map, const std::uint32_t* index, unsigned m,
+                             std::uint8_t* out) {
+    for (unsigned j = 0; j < m; ++j) out[j] = map[j][index[j]];
+}
+
+// m = 3: slots of corners 0..3 (window 0) and 2..5 (window 6) in one vector,
+// 4..7 (window 8) in a second; 24 bytes per block, all read within it.
+KELMA_AVX2 void Interpolate3x3(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
+                               std::uint32_t count) {
+    const __m256i mask01 = Mask(kSlots3Pair01);
+    const __m128i mask2 = Load16(kSlots3[2]);
+    // Slot weights: [P0 P0 P0 P1 | P1 P1 P2 P2] and [P3 P3 P2 P3], P_i = (w_2i, w_2i+1).
+    const __m256i pick01 = _mm256_setr_epi32(0, 0, 0, 1, 1, 1, 2, 2);
+    alignas(16) std::uint32_t index[4];
+    for (std::uint32_t px = 0; px < count; ++px, in += 3, out += 3) {
         const InputMapEntry e0 = t.inputMap[0][in[0]];
         const InputMapEntry e1 = t.inputMap[1][in[1]];
         const InputMapEntry e2 = t.inputMap[2][in[2]];
         const std::uint32_t cell = t.stride0[e0 >> kClutPositionBits] + t.stride1[e1 >> kClutPositionBits] +
                                    (e2 >> kClutPositionBits);
-        const std::uint8_t* block = t.cells + std::size_t(cell) * (8 * M);
+        const std::uint8_t* block = t.cells + std::size_t(cell) * 24;
+        const Weights3 w = MakeWeights3(t, e0, e1, e2);
 
-        // w_k = P[k & 3] * A[k >> 2] <= 32768 (exact in unsigned 16 bits), the
-        // 8 corners in both 128-bit halves; hi_k = w_k >> 8, lo_k = w_k & 255.
-        const __m256i pp =
-            BroadcastRow(t.pairs + ((e0 & kClutPositionMask) * 32 + (e1 & kClutPositionMask)) * 4);
-        const __m256i aa = _mm256_broadcastsi128_si256(
-            _mm_load_si128(reinterpret_cast<const __m128i*>(t.axis + (e2 & kClutPositionMask) * 8)));
-        const __m256i w = _mm256_mullo_epi16(pp, aa);
-        const __m256i hi = _mm256_srli_epi16(w, 8);
-        const __m256i lo = _mm256_and_si256(w, lowMask);
-
-        // Channels j and j+1: lanes 0-3 hold 256 (hi v) + (lo v) of channel j, lanes 4-7 of j+1.
-        __m128i s[4 * kGroups];
-        for (unsigned q = 0; q < kPairs; ++q) {
-            const unsigned j = 2 * q;
-            const __m128i bytes =
-                j + 1 < M ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(block + 8 * j))
-                          : _mm_loadl_epi64(reinterpret_cast<const __m128i*>(block + 8 * j));
-            const __m256i v = _mm256_cvtepu8_epi16(bytes);
-            const __m256i sum = _mm256_add_epi32(_mm256_slli_epi32(_mm256_madd_epi16(v, hi), 8),
-                                                 _mm256_madd_epi16(v, lo));
-            s[j] = _mm256_castsi256_si128(sum);
-            if (j + 1 < 4 * kGroups) s[j + 1] = _mm256_extracti128_si256(sum, 1);
-        }
-        for (unsigned j = 2 * kPairs; j < 4 * kGroups; ++j) s[j] = _mm_setzero_si128();
-
+        const __m256i x01 = _mm256_shuffle_epi8(LoadPair(block, block + kWindow3[1]), mask01);
+        const __m128i x2 = _mm_shuffle_epi8(Load16(block + kWindow3[2]), mask2);
+        const __m256i r01 = Products<8>(x01, _mm256_permutevar8x32_epi32(w.hi, pick01),
+                                        _mm256_permutevar8x32_epi32(w.lo, pick01));
+        const __m128i r2 = Products<8>(x2, _mm_shuffle_epi32(_mm256_castsi256_si128(w.hi), kPick3[2]),
+                                       _mm_shuffle_epi32(_mm256_castsi256_si128(w.lo), kPick3[2]));
         // index_j = acc_j >> 15
-        for (unsigned g = 0; g < kGroups; ++g) {
-            const __m128i acc = Reduce4(s[4 * g], s[4 * g + 1], s[4 * g + 2], s[4 * g + 3]);
-            _mm_store_si128(reinterpret_cast<__m128i*>(index + 4 * g), _mm_srli_epi32(acc, 15));
-        }
-        for (unsigned j = 0; j < M; ++j) out[j] = t.outputMap[j][index[j]];
+        const __m128i acc = Gather3(_mm256_castsi256_si128(r01), _mm256_extracti128_si256(r01, 1), r2);
+        _mm_store_si128(reinterpret_cast<__m128i*>(index), _mm_srli_epi32(acc, 15));
+        Store(t.outputMap, index, 3, out);
+    }
+}
+
+// m = 4: one 16-byte window holds corners 0..3, the next 4..7; lane j of
+// every slot vector is channel j, so no regrouping is needed.
+KELMA_AVX2 void Interpolate3x4(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
+                               std::uint32_t count) {
+    const __m256i mask = Mask(kSlots4);
+    const __m256i pickA = _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1);
+    const __m256i pickB = _mm256_setr_epi32(2, 2, 2, 2, 3, 3, 3, 3);
+    alignas(16) std::uint32_t index[4];
+    for (std::uint32_t px = 0; px < count; ++px, in += 3, out += 4) {
+        const InputMapEntry e0 = t.inputMap[0][in[0]];
+        const InputMapEntry e1 = t.inputMap[1][in[1]];
+        const InputMapEntry e2 = t.inputMap[2][in[2]];
+        const std::uint32_t cell = t.stride0[e0 >> kClutPositionBits] + t.stride1[e1 >> kClutPositionBits] +
+                                   (e2 >> kClutPositionBits);
+        const std::uint8_t* block = t.cells + std::size_t(cell) * 32;
+        const Weights3 w = MakeWeights3(t, e0, e1, e2);
+
+        // Halves: corner pairs (0,1) | (2,3), then (4,5) | (6,7).
+        const __m256i xa = _mm256_shuffle_epi8(LoadBoth(block), mask);
+        const __m256i xb = _mm256_shuffle_epi8(LoadBoth(block + 16), mask);
+        const __m256i hi = _mm256_add_epi32(_mm256_madd_epi16(xa, _mm256_permutevar8x32_epi32(w.hi, pickA)),
+                                            _mm256_madd_epi16(xb, _mm256_permutevar8x32_epi32(w.hi, pickB)));
+        const __m256i lo = _mm256_add_epi32(_mm256_madd_epi16(xa, _mm256_permutevar8x32_epi32(w.lo, pickA)),
+                                            _mm256_madd_epi16(xb, _mm256_permutevar8x32_epi32(w.lo, pickB)));
+        const __m256i sum = _mm256_add_epi32(_mm256_slli_epi32(hi, 8), lo);
+        const __m128i acc = _mm_add_epi32(_mm256_castsi256_si128(sum), _mm256_extracti128_si256(sum, 1));
+        _mm_store_si128(reinterpret_cast<__m128i*>(index), _mm_srli_epi32(acc, 15));
+        Store(t.outputMap, index, 4, out);
+    }
+}
+
+// m = 7: corner pair i (bytes 14 i .. 14 i + 13) in one window, channels 0..3
+// in the low half and 4..6 in the high half of its slot vector.
+KELMA_AVX2 void Interpolate3x7(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
+                               std::uint32_t count) {
+    const __m256i mask0 = Mask(kSlots7[0]);
+    const __m256i mask2 = Mask(kSlots7[1]);  // window starts 2 bytes before the pair
+    alignas(32) std::uint32_t index[8];
+    for (std::uint32_t px = 0; px < count; ++px, in += 3, out += 7) {
+        const InputMapEntry e0 = t.inputMap[0][in[0]];
+        const InputMapEntry e1 = t.inputMap[1][in[1]];
+        const InputMapEntry e2 = t.inputMap[2][in[2]];
+        const std::uint32_t cell = t.stride0[e0 >> kClutPositionBits] + t.stride1[e1 >> kClutPositionBits] +
+                                   (e2 >> kClutPositionBits);
+        const std::uint8_t* block = t.cells + std::size_t(cell) * 56;
+        const Weights3 w = MakeWeights3(t, e0, e1, e2);
+
+        const __m256i x0 = _mm256_shuffle_epi8(LoadBoth(block + kWindow7[0]), mask0);
+        const __m256i x1 = _mm256_shuffle_epi8(LoadBoth(block + kWindow7[1]), mask0);
+        const __m256i x2 = _mm256_shuffle_epi8(LoadBoth(block + kWindow7[2]), mask0);
+        const __m256i x3 = _mm256_shuffle_epi8(LoadBoth(block + kWindow7[3]), mask2);
+        // Pair i's weights P_i in every lane.
+        __m256i hi = _mm256_madd_epi16(x0, _mm256_shuffle_epi32(w.hi, 0x00));
+        __m256i lo = _mm256_madd_epi16(x0, _mm256_shuffle_epi32(w.lo, 0x00));
+        hi = _mm256_add_epi32(hi, _mm256_madd_epi16(x1, _mm256_shuffle_epi32(w.hi, 0x55)));
+        lo = _mm256_add_epi32(lo, _mm256_madd_epi16(x1, _mm256_shuffle_epi32(w.lo, 0x55)));
+        hi = _mm256_add_epi32(hi, _mm256_madd_epi16(x2, _mm256_shuffle_epi32(w.hi, 0xAA)));
+        lo = _mm256_add_epi32(lo, _mm256_madd_epi16(x2, _mm256_shuffle_epi32(w.lo, 0xAA)));
+        hi = _mm256_add_epi32(hi, _mm256_madd_epi16(x3, _mm256_shuffle_epi32(w.hi, 0xFF)));
+        lo = _mm256_add_epi32(lo, _mm256_madd_epi16(x3, _mm256_shuffle_epi32(w.lo, 0xFF)));
+        const __m256i acc = _mm256_add_epi32(_mm256_slli_epi32(hi, 8), lo);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(index), _mm256_srli_epi32(acc, 15));
+        Store(t.outputMap, index, 7, out);
     }
 }
 
@@ -86,19 +193,24 @@ KELMA_AVX2 void Interpolate3(const ZKSClutTables3& t, const std::uint8_t* in, st
 KELMA_AVX2 void InterpolateClut3_AVX2(const ZKSClutTables3& t, unsigned m, const std::uint8_t* in,
                                       std::uint8_t* out, std::uint32_t count) {
     switch (m) {
-        case 3: Interpolate3<3>(t, in, out, count); break;
-        case 4: Interpolate3<4>(t, in, out, count); break;
-        case 7: Interpolate3<7>(t, in, out, count); break;
+        case 3: Interpolate3x3(t, in, out, count); break;
+        case 4: Interpolate3x4(t, in, out, count); break;
+        case 7: Interpolate3x7(t, in, out, count); break;
         default: throw "DefaultCase";
     }
 }
 
+// Four inputs: the three-output slots of corners 0..7 in the low halves and of
+// corners 8..15 (24 bytes further) in the high halves; 48 bytes per block.
 KELMA_AVX2 void InterpolateClut4x3_AVX2(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
                                         std::uint32_t count) {
     const __m256i lowMask = _mm256_set1_epi16(0x7FFF);
     // Spreads Q0..Q3 (bytes 0-7 of each half) to Q0 x4, Q1 x4 | Q2 x4, Q3 x4.
     const __m256i spreadQ = _mm256_setr_epi8(0, 1, 0, 1, 0, 1, 0, 1, 2, 3, 2, 3, 2, 3, 2, 3,  //
                                              4, 5, 4, 5, 4, 5, 4, 5, 6, 7, 6, 7, 6, 7, 6, 7);
+    const __m256i mask0 = LoadBoth(kSlots3[0]);
+    const __m256i mask1 = LoadBoth(kSlots3[1]);
+    const __m256i mask2 = LoadBoth(kSlots3[2]);
     alignas(16) std::uint32_t index[4];
     for (std::uint32_t px = 0; px < count; ++px, in += 4, out += 3) {
         const InputMapEntry e0 = t.inputMap[0][in[0]];
@@ -120,17 +232,15 @@ KELMA_AVX2 void InterpolateClut4x3_AVX2(const ZKSClutTables4& t, const std::uint
         const __m256i hi = _mm256_or_si256(_mm256_slli_epi16(high, 1), _mm256_srli_epi16(low, 15));
         const __m256i lo = _mm256_and_si256(low, lowMask);
 
-        // s_j lanes: 32768 (hi v) + (lo v) over corner pairs; the eight lanes sum to acc_j.
-        __m128i s[3];
-        for (unsigned j = 0; j < 3; ++j) {
-            const __m256i v =
-                _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(block + 16 * j)));
-            const __m256i sum = _mm256_add_epi32(_mm256_slli_epi32(_mm256_madd_epi16(v, hi), 15),
-                                                 _mm256_madd_epi16(v, lo));
-            s[j] = _mm_add_epi32(_mm256_castsi256_si128(sum), _mm256_extracti128_si256(sum, 1));
-        }
+        const __m256i x0 = _mm256_shuffle_epi8(LoadPair(block + kWindow3[0], block + 24 + kWindow3[0]), mask0);
+        const __m256i x1 = _mm256_shuffle_epi8(LoadPair(block + kWindow3[1], block + 24 + kWindow3[1]), mask1);
+        const __m256i x2 = _mm256_shuffle_epi8(LoadPair(block + kWindow3[2], block + 24 + kWindow3[2]), mask2);
+        const __m256i r0 = Products<15>(x0, _mm256_shuffle_epi32(hi, kPick3[0]), _mm256_shuffle_epi32(lo, kPick3[0]));
+        const __m256i r1 = Products<15>(x1, _mm256_shuffle_epi32(hi, kPick3[1]), _mm256_shuffle_epi32(lo, kPick3[1]));
+        const __m256i r2 = Products<15>(x2, _mm256_shuffle_epi32(hi, kPick3[2]), _mm256_shuffle_epi32(lo, kPick3[2]));
+        const __m256i sum = Gather3(r0, r1, r2);
         // index_j = acc_j >> 20
-        const __m128i acc = Reduce4(s[0], s[1], s[2], _mm_setzero_si128());
+        const __m128i acc = _mm_add_epi32(_mm256_castsi256_si128(sum), _mm256_extracti128_si256(sum, 1));
         _mm_store_si128(reinterpret_cast<__m128i*>(index), _mm_srli_epi32(acc, 20));
         out[0] = t.outputMap[0][index[0]];
         out[1] = t.outputMap[1][index[1]];

@@ -1,9 +1,10 @@
 // Tables of the 8-bit CLUT workers, all built once at construction so that the
 // per-pixel path is table loads and integer multiply-adds only.
 //
-// Grid: n points per input axis (2 <= n <= 256); every axis spans the input
-// bytes 0..255 in n - 1 equal cells. Node order of every node array: axis 0
-// outermost, the last axis innermost, node = ((g0 n + g1) n + g2) [n + g3].
+// Grid: n points per input axis (2 <= n <= 256, see kClutMaxGridPoints); every
+// axis spans the input bytes 0..255 in n - 1 equal cells. Node order of every
+// node array: axis 0 outermost, the last axis innermost,
+// node = ((g0 n + g1) n + g2) [n + g3].
 #pragma once
 
 #include <cstddef>
@@ -27,8 +28,10 @@ constexpr unsigned kClutPositionMask = 31;
 constexpr std::size_t kInputMapSize = 257;   // 256 bytes and a guard entry
 constexpr std::size_t kOutputMapSize = 257;  // 256 values and a guard entry
 
-// Smallest and largest grid accepted; beyond 256 points the node count of a
-// four-input table no longer fits the 32-bit cell index.
+// Smallest and largest grid accepted (others throw "DefaultCase"): below 2
+// points the maps divide by zero; above 256 the nodes of a four-input table
+// (n^4 > 2^32) no longer fit the 32-bit cell index and strides. One bound for
+// both shapes keeps one rule.
 constexpr std::uint32_t kClutMinGridPoints = 2;
 constexpr std::uint32_t kClutMaxGridPoints = 256;
 
@@ -46,44 +49,57 @@ std::vector<InputMapEntry> LabChromaInputMap(std::uint32_t n);
 // Identity on 0..255; entry 256 = 255 guards the top.
 std::vector<OutputMapEntry> IdentityOutputMap();
 
-// Interpolation weights. A corner weight is a product of one factor per axis,
-// f_a (corner above along axis a) or 32 - f_a (below), f_a the 5-bit position:
-//   three inputs: w_k = P[f0 32 + f1][k & 3] * A[f2][k >> 2]          (sum 32768)
-//   four inputs:  w_k = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2]  (sum 1048576)
+// Shared interpolation weights of one input shape, d = 3 or 4 inputs: 32^d + 1
+// rows of 2^d unsigned 32-bit weights. Row r holds, for corner k, the product
+// over the axes a of (f_a if bit a of k is set, else 32 - f_a), the positions
+// f_a (0..31, in 1/32 of a cell) being 5-bit fields of r, axis 0 the highest:
+//   three inputs: r = f0 1024 + f1 32 + f2,            weights sum to 32768
+//   four inputs:  r = f0 32768 + f1 1024 + f2 32 + f3, weights sum to 1048576
+// The extra last row (r = 32^d, read as f0 = 32, the others 0) is built like
+// the others and never read. Sizes: 1 MiB (three inputs), 64 MiB (four).
+//
+// The optimised kernels do not read the rows: each row is the product of two
+// small factor tables, derived here with the rows and kept with them, that stay
+// in the first-level cache where the rows would be read at random:
+//   three inputs: W[r][k] = P[f0 32 + f1][k & 3] * A[f2][k >> 2]
+//   four inputs:  W[r][k] = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2]
 // with the pair row P[fa 32 + fb] = {(32-fa)(32-fb), fa (32-fb), (32-fa) fb, fa fb}
-// and A[f] = {32 - f, f}; bit a of k belongs to axis a. These are exactly the
-// rows of a full table indexed by all positions at once (32769 rows of 8, or
-// 1048577 rows of 16), held as their two factors: 8 KiB that stay in the first
-// level cache instead of 1 MiB / 64 MiB read at random rows.
+// (1024 rows of 4, 8 KiB) and A[f] = {32 - f, f} (three inputs only, stored
+// SIMD-ready as {32 - f} four times, then {f} four times: 32 rows of 8).
 using ClutPairWeight = std::uint16_t;  // <= 1024
 
 class ZKCClutWeightTable {
 public:
-    ZKCClutWeightTable();
+    // inputs: 3 or 4, anything else throws "DefaultCase".
+    explicit ZKCClutWeightTable(unsigned inputs);
     ZKCClutWeightTable(const ZKCClutWeightTable&) = delete;
     ZKCClutWeightTable& operator=(const ZKCClutWeightTable&) = delete;
+    virtual ~ZKCClutWeightTable();
 
-    // 1024 rows of 4 pair weights, row fa 32 + fb; rows start on 8-byte boundaries.
+    unsigned Inputs() const { return inputs_; }
+    unsigned Corners() const { return 1u << inputs_; }
+    // 32^d + 1.
+    std::size_t RowCount() const { return rowCount_; }
+    // RowCount() rows of Corners() weights; rows start on 64-byte boundaries.
+    const std::uint32_t* Rows() const { return rows_.get(); }
+    const std::uint32_t* Row(std::size_t r) const { return rows_.get() + r * Corners(); }
+
+    // Derived factors for the optimised kernels (see above).
     const ClutPairWeight* Pairs() const { return pairs_.data(); }
-    // 32 rows of 8: {32 - f} four times, then {f} four times (SIMD-ready axis factors).
+    // Empty for four inputs.
     const ClutPairWeight* AxisFactors() const { return axis_.data(); }
 
-    // Weight of corner k in the full row of the given positions (tests, tools).
-    std::uint32_t Weight3(unsigned f0, unsigned f1, unsigned f2, unsigned k) const;
-    std::uint32_t Weight4(unsigned f0, unsigned f1, unsigned f2, unsigned f3, unsigned k) const;
-
 private:
+    struct Free {
+        void operator()(std::uint32_t* p) const;
+    };
+
+    unsigned inputs_;
+    std::size_t rowCount_;
+    std::unique_ptr<std::uint32_t[], Free> rows_;
     AlignedBuffer<ClutPairWeight> pairs_;
     AlignedBuffer<ClutPairWeight> axis_;
 };
-
-// The process-wide table, created by the first caller when none is alive and
-// freed when the last holder lets go; every worker holds one reference, copies
-// included. Guarded by a lock, although the drivers create and free workers
-// on the caller's thread anyway.
-std::shared_ptr<const ZKCClutWeightTable> AcquireClutWeightTable();
-// Number of holders of the shared table (0 when none exists).
-long ClutWeightTableUsers();
 
 // Nodes on an axis of n points raised to the power d, in size_t.
 std::size_t ClutNodeCount(std::uint32_t n, unsigned inputs);
@@ -93,10 +109,11 @@ std::size_t ClutNodeCount(std::uint32_t n, unsigned inputs);
 std::size_t ClutNodeArrayBytes(std::uint32_t n, unsigned inputs, unsigned outputs);
 
 // Cell table: for every node c (all n^d, upper faces included) a block of 2^d m
-// bytes holding the 2^d corners of the cell whose lowest corner is c, stored
-// channel-major so that one channel's corners are adjacent for SIMD loads:
-//   cells[c 2^d m + j 2^d + k] = nodes[(c + offset(k)) m + j],
+// bytes holding the 2^d corners of the cell whose lowest corner is c, corner k
+// at bytes k m .. k m + m - 1 (corner-major):
+//   cells[c 2^d m + k m + j] = nodes[(c + offset(k)) m + j],
 // offset(k) = sum over axes a with bit a of k set of n^(d - 1 - a).
+// The blocks lie back to back in one array (block c at c 2^d m).
 // For nodes on an upper face some corners lie past that face (wrapping to the
 // next row) or past the last node; they are read from the array at that flat
 // position all the same, which is why `nodes` must hold ClutNodeArrayBytes.

@@ -1,6 +1,10 @@
 // Walks a list of ink subsets of one printer model and keeps, for the subset
 // it stands on, a ready CLUT driver built from that subset's sub-model under
 // one illuminant. Every move and every illuminant choice rebuilds the CLUT.
+// The old CLUT is deleted first, so with it the shared 64 MiB four-input
+// weight table of the workers, which the new CLUT creates again. Use a
+// dispatcher from one thread, and create and destroy dispatchers and CLUT
+// drivers on one thread (see ZKCWorkerCLUT_Thread.h).
 #pragma once
 
 #include <memory>

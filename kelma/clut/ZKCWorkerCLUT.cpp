@@ -4,6 +4,7 @@ namespace KELMA_NAMESPACE {
 
 namespace {
 
+// 2 <= n <= 256: see kClutMinGridPoints and kClutMaxGridPoints.
 std::uint32_t CheckedGridPoints(CLUT_ACCURACY accuracy) {
     const std::uint32_t n = static_cast<std::uint32_t>(accuracy);
     if (n < kClutMinGridPoints || n > kClutMaxGridPoints) throw "DefaultCase";
@@ -36,6 +37,15 @@ bool ZKCWorkerCLUT_Base::IsInLAB() const { return false; }
 
 // ---------------------------------------------------------------------------
 // Three inputs
+//
+// The shape's weight table and its counter: the first constructor creates the
+// table when none exists, every constructor (copies too) counts itself as the
+// last step of its body, so a constructor that throws earlier has not counted;
+// the destructor that brings the counter to zero frees the table. No lock: see
+// ZKCWorkerCLUT.h (one thread constructs and destroys).
+
+ZKCClutWeightTable* ZKCWorkerCLUT_3xn::sharedWeights_ = nullptr;
+unsigned long ZKCWorkerCLUT_3xn::instances_ = 0;
 
 ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(CLUT_ACCURACY accuracy, unsigned outputs)
     : ZKCWorkerCLUT_Base(accuracy),
@@ -43,8 +53,30 @@ ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(CLUT_ACCURACY accuracy, unsigned outputs)
       stride0_(Strides(gridPoints_, gridPoints_ * gridPoints_)),
       stride1_(Strides(gridPoints_, gridPoints_)),
       inputMaps_(3, StandardInputMap(gridPoints_)),
-      outputMaps_(outputs, IdentityOutputMap()),
-      weights_(AcquireClutWeightTable()) {}
+      outputMaps_(outputs, IdentityOutputMap()) {
+    if (sharedWeights_ == nullptr) sharedWeights_ = new ZKCClutWeightTable(3);
+    weights_ = sharedWeights_;
+    ++instances_;
+}
+
+ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(const ZKCWorkerCLUT_3xn& other)
+    : ZKCWorkerCLUT_Base(other),
+      outputs_(other.outputs_),
+      stride0_(other.stride0_),
+      stride1_(other.stride1_),
+      inputMaps_(other.inputMaps_),
+      outputMaps_(other.outputMaps_),
+      cells_(other.cells_),
+      weights_(other.weights_) {
+    ++instances_;
+}
+
+ZKCWorkerCLUT_3xn::~ZKCWorkerCLUT_3xn() {
+    if (--instances_ == 0) {
+        delete sharedWeights_;
+        sharedWeights_ = nullptr;
+    }
+}
 
 void ZKCWorkerCLUT_3xn::BuildCells(const unsigned char* nodes) {
     cells_ = AlignedBuffer<std::uint8_t>(ClutNodeCount(gridPoints_, 3) * 8 * outputs_);
@@ -63,6 +95,7 @@ ZKSClutTables3 ZKCWorkerCLUT_3xn::Tables() const {
     t.stride0 = stride0_.data();
     t.stride1 = stride1_.data();
     t.cells = cells_.data();
+    t.weights = weights_->Rows();
     t.pairs = weights_->Pairs();
     t.axis = weights_->AxisFactors();
     return t;
@@ -74,7 +107,10 @@ void ZKCWorkerCLUT_3xn::Run(ZKEClutKernel kernel) {
 }
 
 // ---------------------------------------------------------------------------
-// Four inputs
+// Four inputs (shared table and counter as for three inputs)
+
+ZKCClutWeightTable* ZKCWorkerCLUT_4xn::sharedWeights_ = nullptr;
+unsigned long ZKCWorkerCLUT_4xn::instances_ = 0;
 
 ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs)
     : ZKCWorkerCLUT_Base(accuracy),
@@ -83,8 +119,31 @@ ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs)
       stride1_(Strides(gridPoints_, gridPoints_ * gridPoints_)),
       stride2_(Strides(gridPoints_, gridPoints_)),
       inputMaps_(4, StandardInputMap(gridPoints_)),
-      outputMaps_(outputs, IdentityOutputMap()),
-      weights_(AcquireClutWeightTable()) {}
+      outputMaps_(outputs, IdentityOutputMap()) {
+    if (sharedWeights_ == nullptr) sharedWeights_ = new ZKCClutWeightTable(4);
+    weights_ = sharedWeights_;
+    ++instances_;
+}
+
+ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(const ZKCWorkerCLUT_4xn& other)
+    : ZKCWorkerCLUT_Base(other),
+      outputs_(other.outputs_),
+      stride0_(other.stride0_),
+      stride1_(other.stride1_),
+      stride2_(other.stride2_),
+      inputMaps_(other.inputMaps_),
+      outputMaps_(other.outputMaps_),
+      cells_(other.cells_),
+      weights_(other.weights_) {
+    ++instances_;
+}
+
+ZKCWorkerCLUT_4xn::~ZKCWorkerCLUT_4xn() {
+    if (--instances_ == 0) {
+        delete sharedWeights_;
+        sharedWeights_ = nullptr;
+    }
+}
 
 void ZKCWorkerCLUT_4xn::BuildCells(const unsigned char* nodes) {
     cells_ = AlignedBuffer<std::uint8_t>(ClutNodeCount(gridPoints_, 4) * 16 * outputs_);
@@ -99,6 +158,7 @@ ZKSClutTables4 ZKCWorkerCLUT_4xn::Tables() const {
     t.stride1 = stride1_.data();
     t.stride2 = stride2_.data();
     t.cells = cells_.data();
+    t.weights = weights_->Rows();
     t.pairs = weights_->Pairs();
     return t;
 }

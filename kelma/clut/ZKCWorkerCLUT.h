@@ -11,14 +11,21 @@
 // Built from a node array (m bytes per node, axis 0 outermost, of
 // ClutNodeArrayBytes(n, d, m) bytes: the cells on the upper faces read corners
 // past the last node), or for 3x3 / 4x3 from a printer model. Copies are deep
-// except for the process-wide weight table, which all workers share. Workers
-// are internal; hosts use ZKCWorkerCLUT_Thread.
-// Construction and destruction may run on any thread; Interpolate on copies
-// runs in parallel without locks.
+// except for the weight table of their shape (ZKCClutWeightTable), one per
+// process and shape, shared by all workers of that shape. Workers are
+// internal; hosts use ZKCWorkerCLUT_Thread.
+//
+// Threads: Interpolate only reads the worker's tables and the shared weight
+// table, so copies run in parallel without locks. Construction and destruction
+// are NOT thread-safe: each shape's table is created by the first constructor
+// when none exists, counted by a plain instance counter of the shape (every
+// constructor, copies included, adds one) and freed by the destructor that
+// brings the counter to zero, all without locking. Workers must therefore be
+// constructed and destroyed on one thread; the CLUT driver and the sub-model
+// dispatcher do both on the caller's thread.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "kelma/clut/ClutKernel.h"
@@ -70,17 +77,24 @@ class ZKCWorkerCLUT_3xn : public ZKCWorkerCLUT_Base {
 public:
     unsigned long InputChannels() const override { return 3; }
 
-    // 8 m bytes of the cell whose lowest corner is `node`: channel-major,
-    // byte j 8 + k = channel j of corner k (corner bit a: +1 along axis a).
+    ~ZKCWorkerCLUT_3xn() override;
+
+    // 8 m bytes of the cell whose lowest corner is `node`: corner-major,
+    // bytes k m .. k m + m - 1 = corner k (corner bit a: +1 along axis a).
     const std::uint8_t* CellBlock(std::size_t node) const { return cells_.data() + node * 8 * outputs_; }
     const InputMapEntry* InputMap(unsigned axis) const { return inputMaps_[axis].data(); }
     const OutputMapEntry* OutputMap(unsigned channel) const { return outputMaps_[channel].data(); }
     const ZKCClutWeightTable& Weights() const { return *weights_; }
 
+    // The shared three-input table (null while no three-input worker exists)
+    // and the number of three-input workers alive.
+    static const ZKCClutWeightTable* SharedWeights() { return sharedWeights_; }
+    static unsigned long Instances() { return instances_; }
+
 protected:
     // Strides, standard input maps, identity output maps, shared weights; no cells yet.
     ZKCWorkerCLUT_3xn(CLUT_ACCURACY accuracy, unsigned outputs);
-    ZKCWorkerCLUT_3xn(const ZKCWorkerCLUT_3xn&) = default;
+    ZKCWorkerCLUT_3xn(const ZKCWorkerCLUT_3xn& other);
 
     void BuildCells(const unsigned char* nodes);
     // Replaces the maps of channels 1 and 2 (a, b) by the CIELAB ones.
@@ -94,8 +108,11 @@ private:
     std::vector<std::uint32_t> stride1_;  // g n
     std::vector<std::vector<InputMapEntry>> inputMaps_;
     std::vector<std::vector<OutputMapEntry>> outputMaps_;
-    AlignedBuffer<std::uint8_t> cells_;
-    std::shared_ptr<const ZKCClutWeightTable> weights_;
+    AlignedBuffer<std::uint8_t> cells_;  // n^3 blocks of 8 m bytes
+    const ZKCClutWeightTable* weights_;  // sharedWeights_, not owned
+
+    static ZKCClutWeightTable* sharedWeights_;
+    static unsigned long instances_;
 };
 
 // Four input channels, three outputs (the only four-input shape).
@@ -103,15 +120,22 @@ class ZKCWorkerCLUT_4xn : public ZKCWorkerCLUT_Base {
 public:
     unsigned long InputChannels() const override { return 4; }
 
-    // 16 m bytes per node, channel-major as in ZKCWorkerCLUT_3xn.
+    ~ZKCWorkerCLUT_4xn() override;
+
+    // 16 m bytes per node, corner-major as in ZKCWorkerCLUT_3xn.
     const std::uint8_t* CellBlock(std::size_t node) const { return cells_.data() + node * 16 * outputs_; }
     const InputMapEntry* InputMap(unsigned axis) const { return inputMaps_[axis].data(); }
     const OutputMapEntry* OutputMap(unsigned channel) const { return outputMaps_[channel].data(); }
     const ZKCClutWeightTable& Weights() const { return *weights_; }
 
+    // The shared four-input table (64 MiB; null while no four-input worker
+    // exists) and the number of four-input workers alive.
+    static const ZKCClutWeightTable* SharedWeights() { return sharedWeights_; }
+    static unsigned long Instances() { return instances_; }
+
 protected:
     ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs);
-    ZKCWorkerCLUT_4xn(const ZKCWorkerCLUT_4xn&) = default;
+    ZKCWorkerCLUT_4xn(const ZKCWorkerCLUT_4xn& other);
 
     void BuildCells(const unsigned char* nodes);
     ZKSClutTables4 Tables() const;
@@ -124,8 +148,11 @@ private:
     std::vector<std::uint32_t> stride2_;  // g n
     std::vector<std::vector<InputMapEntry>> inputMaps_;
     std::vector<std::vector<OutputMapEntry>> outputMaps_;
-    AlignedBuffer<std::uint8_t> cells_;
-    std::shared_ptr<const ZKCClutWeightTable> weights_;
+    AlignedBuffer<std::uint8_t> cells_;  // n^4 blocks of 16 m bytes
+    const ZKCClutWeightTable* weights_;  // sharedWeights_, not owned
+
+    static ZKCClutWeightTable* sharedWeights_;
+    static unsigned long instances_;
 };
 
 class ZKCWorkerCLUT_3x3 : public ZKCWorkerCLUT_3xn {

@@ -25,7 +25,7 @@ std::size_t ZKCWorkerCLUT_Thread::NodeArrayBytes(unsigned long inputChannels, un
 }
 
 // Slot 0 takes the prototype itself and every other slot a deep copy of it, so
-// the build never holds more than one table per slot; all share one weight table.
+// the build never holds more than one table per slot; all share their shape's weight table.
 template <class W>
 void ZKCWorkerCLUT_Thread::FillWith(std::shared_ptr<W> prototype) {
     for (std::size_t i = 1; i < workers_.size(); ++i) workers_[i] = std::make_shared<W>(*prototype);

@@ -1,6 +1,13 @@
 // Threaded CLUT driver: builds one CLUT worker of the right shape, clones it
 // once per processor (each thread interpolates with its own copy of the
 // table) and applies it to a pixel buffer split into contiguous slices.
+//
+// Threads: construction, Init and Calculate's start and join run on the
+// caller's thread, and so does destruction. The workers of one input shape
+// share one weight table (1 MiB for three inputs, 64 MiB for four) that the
+// first worker creates and the last one frees, counted without locks: create
+// and destroy all CLUT drivers (and sub-model dispatchers) of a process on one
+// thread, never on two at once.
 #pragma once
 
 #include <cstddef>

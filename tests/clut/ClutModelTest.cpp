@@ -79,11 +79,13 @@ TEST_F(ClutFromModel, CellTableHoldsThePredictionDriversBytesAtEveryNode) {
         std::vector<std::uint8_t> expected = PredictedNodeTable(*model_, n);
         const std::size_t count = clut_test::Power(n, 4);
         for (std::size_t c = 0; c < count; ++c) {
-            const std::uint8_t* block = worker.CellBlock(c);
+            const std::uint8_t* block = worker.CellBlock(c);  // corner k at bytes 3 k .. 3 k + 2
             for (unsigned j = 0; j < 3; ++j) {
-                ASSERT_EQ(block[j * 16], expected[c * 3 + j]) << "n=" << n << " node " << c;
+                ASSERT_EQ(block[j], expected[c * 3 + j]) << "n=" << n << " node " << c;
+                // Corner 8 is the next node along axis 3 (or a wrapped / padded read).
+                ASSERT_EQ(block[8 * 3 + j], expected[(c + 1) * 3 + j]);
                 // Corner 15 is the node one step up on every axis (or a wrapped / padded read).
-                ASSERT_EQ(block[j * 16 + 15], expected[(c + n * n * n + n * n + n + 1) * 3 + j]);
+                ASSERT_EQ(block[15 * 3 + j], expected[(c + n * n * n + n * n + n + 1) * 3 + j]);
             }
         }
     }
@@ -171,6 +173,10 @@ TEST(ClutFromModelInks, OnlyFourInkModelsGiveACLUT) {
                                 INK_SET_SEVEN_INKS, false, false, K);
         ExpectDefaultCase([&] { ZKCWorkerCLUT_Thread d(model, CLUT_ACCURACY_5); }, "3-ink CLUT");
         ExpectDefaultCase([&] { ZKCWorkerCLUT_3x3 w(model, CLUT_ACCURACY_5); }, "3x3 worker");
+        // The worker had counted itself and created the shared table; the
+        // failed construction gave both back.
+        EXPECT_EQ(ZKCWorkerCLUT_3xn::Instances(), 0u);
+        EXPECT_EQ(ZKCWorkerCLUT_3xn::SharedWeights(), nullptr);
     }
     ExpectDefaultCase(
         [] {
