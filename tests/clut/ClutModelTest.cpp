@@ -58,17 +58,17 @@ std::vector<std::uint8_t> Apply(ZKCWorkerCLUT_Thread& d, const std::vector<std::
 class ClutFromModel : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        spec_ = new kelma_test::ZKSTestModel(kelma_test::MakeTestModel(4, 5, 2.2, 77));
-        model_ = new ZKCSSE_KELMA_Data(spec_->Build());
+        generated_ = new kelma_test::ZKSTestModel(kelma_test::MakeTestModel(4, 5, 2.2, 77));
+        model_ = new ZKCSSE_KELMA_Data(generated_->Build());
     }
     static void TearDownTestSuite() {
         delete model_;
-        delete spec_;
+        delete generated_;
     }
-    static kelma_test::ZKSTestModel* spec_;
+    static kelma_test::ZKSTestModel* generated_;
     static ZKCSSE_KELMA_Data* model_;
 };
-kelma_test::ZKSTestModel* ClutFromModel::spec_ = nullptr;
+kelma_test::ZKSTestModel* ClutFromModel::generated_ = nullptr;
 ZKCSSE_KELMA_Data* ClutFromModel::model_ = nullptr;
 
 }  // namespace
@@ -137,7 +137,7 @@ TEST_F(ClutFromModel, SeveralIlluminantsUseTheFirst) {
     ZKCIlluminant_CIED50 d50;
     ZKCIlluminant_CIEA a;
     ZKCLighting_Matrix both(observer, std::vector<ZKCIlluminant_Base*>{&a, &d50});
-    ZKCSSE_KELMA_Data two = spec_->Build(both, false);
+    ZKCSSE_KELMA_Data two = generated_->Build(both, false);
     ZKCSSE_KELMA_Data first(two);
     first.ReduceToSingleIlluminant(0);
     ZKCSSE_KELMA_Data second(two);
