@@ -5,7 +5,8 @@
 namespace KELMA_NAMESPACE {
 
 void ZKCSSE_KELMA_7D::CalculateSpectra(unsigned int count, const unsigned char* input, float* spectra) {
-    PredictSamples<32, 3>(data_, count, input, spectra, valuesPerSample_, spectrumStride_);
+    PredictSamples<32, 3>(data_, count, input, spectra, valuesPerSample_,
+                            packed_ ? valuesPerSample_ : spectrumStride_, packed_);
 }
 
 }  // namespace KELMA_NAMESPACE

@@ -33,6 +33,9 @@ public:
     void operator()();
 
     unsigned int SampleCount() const { return count_; }
+    // Packed spectra: 31 values per sample with no pad, for callers that want
+    // a dense (count, 31) array. Spectra mode only; set before the first run.
+    void SetPackedSpectra(bool packed) { packed_ = packed; }
 
 protected:
     const ZKCSSE_KELMA_Data& data_;
@@ -43,6 +46,7 @@ protected:
     unsigned int valuesPerSample_;
     unsigned int spectrumStride_;
     bool cielab_;
+    bool packed_ = false;
 };
 
 }  // namespace KELMA_NAMESPACE

@@ -37,6 +37,15 @@ ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned
 }
 
 ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
+                                         float* output, SPECTRUM_LAYOUT layout)
+    : model_(data) {
+    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw "DefaultCase";
+    packed_ = layout == SPECTRUM_PACKED;
+    ThreadDistribution(model_, count, input, output, nullptr, kSpectralValues,
+                       packed_ ? kSpectralValues : kSpectrumStride);
+}
+
+ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
                                          unsigned char* output, unsigned long valuesPerSample,
                                          unsigned long spectrumStride)
     : model_(data) {
@@ -69,6 +78,7 @@ void ZKCSSE_KELMA_Thread::ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsi
                                  spectra + share.start * spectrumStride,
                                  bytes != nullptr ? bytes + share.start * bytesPerSample : nullptr,
                                  valuesPerSample, spectrumStride);
+        kernels_[i]->SetPackedSpectra(packed_);
         threads_.Start(i, *kernels_[i]);
     }
 }

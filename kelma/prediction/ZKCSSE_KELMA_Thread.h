@@ -2,6 +2,7 @@
 // processor: spectra (32 floats per sample) or bytes per sample.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -12,6 +13,13 @@
 namespace KELMA_NAMESPACE {
 
 class ZKCSSE_KELMA_Base;
+
+// Spectra records of the spectral-output driver: 31 values and a 0.0 pad
+// (32 floats, 16-byte aligned records) or the 31 values alone, packed.
+enum SPECTRUM_LAYOUT : std::uint32_t {
+    SPECTRUM_PACKED = 31,
+    SPECTRUM_PADDED = 32,
+};
 
 // The work starts in the constructor: the model is copied, the samples are
 // split into T = min(processors, count) contiguous shares (the last takes the
@@ -27,6 +35,11 @@ class KELMA_API ZKCSSE_KELMA_Thread {
 public:
     // Spectra: 31 values and a 0.0 per sample, 32 floats apart.
     ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input, float* output);
+    // Spectra in the given layout: SPECTRUM_PADDED is the constructor above;
+    // SPECTRUM_PACKED writes count x 31 floats with no pad (for dense arrays,
+    // without a second pass over the output). Other values throw "DefaultCase".
+    ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input, float* output,
+                        SPECTRUM_LAYOUT layout);
     // Bytes: with valuesPerSample 31, 3 x L colorimetric bytes per sample (L =
     // the model's illuminant count; LAB2000HL until Init asks for CIELAB);
     // otherwise valuesPerSample spectral bytes. The spectra go to an internal
@@ -60,6 +73,7 @@ private:
     std::vector<std::unique_ptr<ZKCSSE_KELMA_Base>> kernels_;
     ZKCWorkerThreads threads_;
     AlignedBuffer<float> spectralBuffer_;
+    bool packed_ = false;
 };
 
 }  // namespace KELMA_NAMESPACE

@@ -17,11 +17,8 @@ using kelma::ZKCSSE_KELMA_Thread;
 constexpr unsigned kValues = kelma::kSpectralValues;
 constexpr unsigned kStride = kelma::kSpectrumStride;
 
-// Samples per driver run when the spectra are compacted from 32 to 31 floats:
-// the 32-float records of one run stay in cache until they are copied out.
-constexpr std::size_t kCompactChunk = std::size_t(1) << 16;
-// Samples per driver run otherwise (the driver counts them in 32 bits; in
-// byte mode it also holds a 128-byte spectrum per sample).
+// Samples per driver run (the driver counts them in 32 bits; in byte mode it
+// also holds a 128-byte spectrum per sample).
 constexpr std::size_t kDirectChunk = std::size_t(1) << 20;
 
 std::size_t InkBatch(const ZKCSSE_KELMA_Data& model, const CArray<std::uint8_t>& inks, Shape* leading) {
@@ -33,37 +30,14 @@ unsigned char* Input(const std::uint8_t* p) { return const_cast<unsigned char*>(
 
 void PredictSpectra(const ZKCSSE_KELMA_Data& model, const std::uint8_t* inks, std::size_t count, float* out,
                     bool padded) {
+    // Straight into the caller's array: 32-float records, or 31 values packed.
     const unsigned N = model.NumberOfInks();
-    if (padded) {
-        for (std::size_t start = 0; start < count; start += kDirectChunk) {
-            const std::size_t c = std::min(kDirectChunk, count - start);
-            ZKCSSE_KELMA_Thread driver(model, static_cast<unsigned>(c), Input(inks + start * N), out + start * kStride);
-            driver.Wait();
-        }
-        return;
-    }
-    // Double buffering: while the workers predict one chunk into one buffer,
-    // this thread compacts the previous chunk out of the other.
-    const std::size_t chunk = std::min(count, kCompactChunk);
-    kelma::AlignedBuffer<float> records[2] = {kelma::AlignedBuffer<float>(chunk * kStride),
-                                              kelma::AlignedBuffer<float>(chunk * kStride)};
-    auto run = [&](std::size_t start, int buffer) {
-        const std::size_t c = std::min(kCompactChunk, count - start);
-        return std::make_unique<ZKCSSE_KELMA_Thread>(model, static_cast<unsigned>(c), Input(inks + start * N),
-                                                     records[buffer].data());
-    };
-    std::unique_ptr<ZKCSSE_KELMA_Thread> running = run(0, 0);
-    int buffer = 0;
-    for (std::size_t start = 0; start < count;) {
-        running->Wait();
-        std::unique_ptr<ZKCSSE_KELMA_Thread> done = std::move(running);
-        const std::size_t c = std::min(kCompactChunk, count - start);
-        if (start + c < count) running = run(start + c, 1 - buffer);
-        float* o = out + start * kValues;
-        const float* r = records[buffer].data();
-        for (std::size_t i = 0; i < c; ++i) std::memcpy(o + i * kValues, r + i * kStride, kValues * sizeof(float));
-        start += c;
-        buffer = 1 - buffer;
+    const std::size_t stride = padded ? kStride : kValues;
+    for (std::size_t start = 0; start < count; start += kDirectChunk) {
+        const std::size_t c = std::min(kDirectChunk, count - start);
+        ZKCSSE_KELMA_Thread driver(model, static_cast<unsigned>(c), Input(inks + start * N), out + start * stride,
+                                   padded ? kelma::SPECTRUM_PADDED : kelma::SPECTRUM_PACKED);
+        driver.Wait();
     }
 }
 

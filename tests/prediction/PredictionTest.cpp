@@ -263,3 +263,39 @@ TEST(PredictionDriver, SpectralBytesWrapInsteadOfClamping) {
     }
     EXPECT_EQ(bytes[64], 0xCD);
 }
+
+// Packed records are the padded ones without their pad, bit for bit, and
+// nothing is written past count x 31 floats.
+TEST(PredictionDriver, PackedSpectraAreThePaddedOnesWithoutThePad) {
+    for (const Case& c : kCases) {
+        auto tm = MakeTestModel(c.inks, c.grid, c.n, 700 + c.inks);
+        ZKCSSE_KELMA_Data model = tm.Build();
+        const unsigned int count = 203;
+        std::vector<unsigned char> samples = RandomSamples(count, c.inks, 12);
+        AlignedBuffer<float> padded = Predict(model, samples);
+        for (unsigned int threads : {1u, 3u}) {
+            ScopedCPUCount forced(threads);
+            std::vector<float> packed(count * 31 + 8, -7.0f);
+            {
+                ZKCSSE_KELMA_Thread driver(model, count, samples.data(), packed.data(), SPECTRUM_PACKED);
+                driver.Wait();
+            }
+            for (unsigned int s = 0; s < count; ++s)
+                ASSERT_EQ(0, std::memcmp(&packed[s * 31], padded.data() + s * 32, 31 * sizeof(float)))
+                    << c.inks << " inks, sample " << s;
+            for (std::size_t i = count * 31; i < packed.size(); ++i) ASSERT_EQ(packed[i], -7.0f);
+        }
+        AlignedBuffer<float> same(count * 32);
+        {
+            ZKCSSE_KELMA_Thread driver(model, count, samples.data(), same.data(), SPECTRUM_PADDED);
+        }
+        EXPECT_EQ(0, std::memcmp(same.data(), padded.data(), count * 32 * sizeof(float)));
+        std::string text;
+        try {
+            ZKCSSE_KELMA_Thread driver(model, count, samples.data(), same.data(), SPECTRUM_LAYOUT(30));
+        } catch (const char* t) {
+            text = t;
+        }
+        EXPECT_EQ(text, "DefaultCase");
+    }
+}
