@@ -12,13 +12,13 @@ work, measured in one run:
   pixels, all processors).
 
 Prints the median rate of each case over the rounds and the median of the
-per-round ratios Python / C++ (each round runs every Python case once and each
-C++ benchmark once, so that load from other processes hits both); the target for
+per-round ratios Python / C++ (each round runs every Python case five times,
+taking the median, and each C++ benchmark once, so that load from other
+processes hits both); the target for
 these large batches is a ratio of at least 0.90. The Python cases that write
 into a preallocated `out` do the same work as the C++ loops (which reuse their
 buffers); the others include numpy's allocation of the result (first-touch
-page faults), and the 31-value spectra also their compaction from 32-float
-records.
+page faults).
 """
 import argparse
 import json
@@ -33,10 +33,15 @@ import numpy as np
 REPO = os.path.abspath(os.path.join(os.path.dirname(__file__), ".."))
 
 
-def rate(call, items):
-    start = time.perf_counter()
-    call()
-    return items / (time.perf_counter() - start)
+def rate(call, items, calls=5):
+    """Items per second of `call`: the median of several back-to-back calls,
+    so that one call's page faults or a scheduler hiccup do not decide."""
+    rates = []
+    for _ in range(calls):
+        start = time.perf_counter()
+        call()
+        rates.append(items / (time.perf_counter() - start))
+    return float(np.median(rates))
 
 
 def cmyk_nodes():
