@@ -157,6 +157,20 @@ py::array_t<float> WhiteArray(const std::vector<float>& values) {
     return out;
 }
 
+// The optional per-illuminant factor (L, 3), parsed into `storage`; null when absent.
+const std::vector<float>* OptionalFactor(const py::object& factor, unsigned L, std::vector<float>& storage) {
+    if (factor.is_none()) return nullptr;
+    storage = Triples(factor, "factor", L, false);
+    return &storage;
+}
+
+// Result shape (..., L, 3): one triple per illuminant after the leading axes.
+Shape PerIlluminantTriples(Shape lead, unsigned L) {
+    lead.push_back(L);
+    lead.push_back(3);
+    return lead;
+}
+
 py::array_t<float> XYZ(const ZKCLighting_Matrix& lm, const py::object& spectra, const py::object& factor) {
     auto s = AsNumeric<float>(spectra, "spectra", kFloat);
     const py::ssize_t width = s.ndim() ? s.shape(s.ndim() - 1) : 0;
@@ -167,14 +181,8 @@ py::array_t<float> XYZ(const ZKCLighting_Matrix& lm, const py::object& spectra, 
     for (std::size_t r = 0; r < count; ++r) CheckFinite(s.data() + r * width, kValues, "spectra");
     const unsigned L = lm.IlluminantNumber();
     std::vector<float> f;
-    const std::vector<float>* fp = nullptr;
-    if (!factor.is_none()) {
-        f = Triples(factor, "factor", L, false);
-        fp = &f;
-    }
-    Shape shape = lead;
-    shape.push_back(L);
-    shape.push_back(3);
+    const std::vector<float>* fp = OptionalFactor(factor, L, f);
+    const Shape shape = PerIlluminantTriples(lead, L);
     py::array_t<float> out(shape);
     const float* in = s.data();
     float* o = out.mutable_data();
@@ -204,9 +212,7 @@ py::array_t<std::uint8_t> Bytes(const ZKCLighting_Matrix& lm, const py::object& 
     const std::size_t count = CheckIlluminantAxes(a, "xyz", L, &lead);
     for (py::ssize_t i = 0; i < a.size(); ++i)
         if (std::isnan(a.data()[i])) ThrowValue("xyz contains NaN at flat index " + std::to_string(i));
-    Shape shape = lead;
-    shape.push_back(L);
-    shape.push_back(3);
+    const Shape shape = PerIlluminantTriples(lead, L);
     py::array_t<std::uint8_t> out(shape);
     // CalculateCIELAB only reads its XYZ argument.
     float* in = const_cast<float*>(a.data());
@@ -226,14 +232,8 @@ py::array_t<std::uint8_t> MediaRelative(const ZKCLighting_Matrix& lm, const CArr
     Shape lead;
     const std::size_t count = CheckIlluminantAxes(lab, "lab", L, &lead);
     std::vector<float> f;
-    const std::vector<float>* fp = nullptr;
-    if (!factor.is_none()) {
-        f = Triples(factor, "factor", L, false);
-        fp = &f;
-    }
-    Shape shape = lead;
-    shape.push_back(L);
-    shape.push_back(3);
+    const std::vector<float>* fp = OptionalFactor(factor, L, f);
+    const Shape shape = PerIlluminantTriples(lead, L);
     py::array_t<std::uint8_t> out(shape);
     const T* in = lab.data();
     std::uint8_t* o = out.mutable_data();

@@ -10,20 +10,11 @@
 #include "kelma/model/ZKCSSE_KELMA_Datafilter.h"
 #include "tests/clut/ClutOracle.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/TestSupport.h"
 
 using namespace kelma;
 
 namespace {
-
-template <class F>
-std::string ThrownText(F f) {
-    try {
-        f();
-    } catch (const char* e) {
-        return e;
-    }
-    return "(nothing)";
-}
 
 std::vector<std::uint8_t> Apply(ZKCKELMA_SubModel_Dispatcher& d, const std::vector<std::uint8_t>& px) {
     std::vector<std::uint8_t> out(px.size() / 4 * 3);
@@ -72,7 +63,7 @@ TEST_F(Dispatcher, TwoArgumentConstructorBuildsNothing) {
     EXPECT_EQ(d.IlluminantNumber(), 2u);
     EXPECT_EQ(d.Total_InkSet(), INK_SET_SEVEN_INKS);
     EXPECT_EQ(d.SSE_KELMA_Data().NumberOfInks(), 7u);
-    EXPECT_EQ(ThrownText([&] { Apply(d, px_); }), "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { Apply(d, px_); }), "DefaultCase");
     d.SetCodeList(codes_);
     EXPECT_TRUE(d.HasWorker());
     EXPECT_EQ(Apply(d, px_), Expected(0x0F, 0, px_));
@@ -142,17 +133,17 @@ TEST_F(Dispatcher, SingleCodeListStaysPut) {
 
 TEST_F(Dispatcher, FailedRebuildsLeaveNoWorkerUntilTheNextSuccess) {
     ZKCKELMA_SubModel_Dispatcher d(*model_, {0x0F, 0x1F, 0x07, 0x3C}, kAccuracy);
-    EXPECT_EQ(ThrownText([&] { d.SetIlluminant(2); }), "Invalid IlluminantIndex");
+    EXPECT_EQ(kelma_test::ThrownText([&] { d.SetIlluminant(2); }), "Invalid IlluminantIndex");
     EXPECT_FALSE(d.HasWorker());
     EXPECT_EQ(d.IlluminantIndex(), 2u);
-    EXPECT_EQ(ThrownText([&] { Apply(d, px_); }), "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { Apply(d, px_); }), "DefaultCase");
     d.SetIlluminant(0);
     EXPECT_TRUE(d.HasWorker());
 
-    EXPECT_EQ(ThrownText([&] { d.Next(); }), "DefaultCase");  // 5 inks
+    EXPECT_EQ(kelma_test::ThrownText([&] { d.Next(); }), "DefaultCase");  // 5 inks
     EXPECT_EQ(d.Code(), 0x1Fu);
     EXPECT_FALSE(d.HasWorker());
-    EXPECT_EQ(ThrownText([&] { d.Next(); }), "DefaultCase");  // 3 inks
+    EXPECT_EQ(kelma_test::ThrownText([&] { d.Next(); }), "DefaultCase");  // 3 inks
     EXPECT_EQ(d.Code(), 0x07u);
     EXPECT_FALSE(d.HasWorker());
     d.Next();

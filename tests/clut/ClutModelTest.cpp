@@ -18,12 +18,7 @@ using namespace kelma;
 namespace {
 
 void ExpectDefaultCase(const std::function<void()>& f, const char* what) {
-    try {
-        f();
-        ADD_FAILURE() << what << ": no exception";
-    } catch (const char* e) {
-        EXPECT_STREQ(e, "DefaultCase") << what;
-    }
+    EXPECT_EQ(kelma_test::ThrownText(f), "DefaultCase") << what;
 }
 
 // Ink bytes of every node, computed here: round(g 255 / (n - 1)), axis 0 outermost.

@@ -20,15 +20,6 @@ using kelma_test::MakeTestModel;
 
 namespace {
 
-std::string Thrown(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const char* text) {
-        return text;
-    }
-    return "";
-}
-
 // One ink, G grid points at the given levels, ramp given.
 ZKCSSE_KELMA_Data FourInkModel(const std::vector<float>& levels, const std::vector<float>& ramp) {
     const unsigned int G = static_cast<unsigned int>(levels.size());
@@ -162,14 +153,14 @@ TEST(ModelData, ReduceToSingleIlluminantKeepsThatIlluminantsBlockAndWhite) {
     EXPECT_EQ(model.Lighting_Matrix().IlluminantNumber(), 1u);
     EXPECT_EQ(0, std::memcmp(model.Lighting_Matrix().Weights(), three.Weights() + 2 * 96, 96 * sizeof(float)));
     EXPECT_EQ(model.MediaWhitePoint().Values(), std::vector<float>(before.begin() + 6, before.end()));
-    EXPECT_EQ(Thrown([&] { model.ReduceToSingleIlluminant(1); }), "Invalid IlluminantIndex");
+    EXPECT_EQ(kelma_test::ThrownText([&] { model.ReduceToSingleIlluminant(1); }), "Invalid IlluminantIndex");
 }
 
 TEST(ModelData, InkCountsWithoutAKernel) {
     // Building predicts the paper, so 1-3 ink models fail while being built.
     for (unsigned int inks : {1u, 2u, 3u}) {
         auto tm = MakeTestModel(inks, 3, 2.0, inks);
-        EXPECT_EQ(Thrown([&] { tm.Build(); }), "DefaultCase") << inks;
+        EXPECT_EQ(kelma_test::ThrownText([&] { tm.Build(); }), "DefaultCase") << inks;
     }
     // Five inks: the paper is predicted on the 4-ink sub-model, prediction fails.
     auto tm5 = MakeTestModel(5, 2, 2.0, 9);
@@ -181,7 +172,7 @@ TEST(ModelData, InkCountsWithoutAKernel) {
     EXPECT_NEAR(five.MediaWhitePoint().Values()[1], Y, 2e-6);
     unsigned char sample[5] = {0, 0, 0, 0, 0};
     AlignedBuffer<float> out(32);
-    EXPECT_EQ(Thrown([&] { ZKCSSE_KELMA_Thread driver(five, 1, sample, out.data()); }), "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Thread driver(five, 1, sample, out.data()); }), "DefaultCase");
 }
 
 TEST(Datafilter, WholeModelCodeCopiesAndFullMaskRebuildsTheSameModel) {
@@ -228,8 +219,8 @@ TEST(Datafilter, SubModelsWithoutAKernelFailWhileBeingBuilt) {
     auto tm = MakeTestModel(4, 4, 2.0, 25);
     ZKCSSE_KELMA_Data full = tm.Build();
     // One ink of four: the sub-model predicts its paper with no 1-ink kernel.
-    EXPECT_EQ(Thrown([&] { ZKCSSE_KELMA_Datafilter f(full, 0x4); }), "DefaultCase");
-    EXPECT_EQ(Thrown([&] { ZKCSSE_KELMA_Datafilter f(full, 0x7); }), "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Datafilter f(full, 0x4); }), "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Datafilter f(full, 0x7); }), "DefaultCase");
 }
 
 TEST(Datafilter, SubModelPredictsLikeTheFullModelWithTheOtherInksAtZero) {

@@ -22,17 +22,6 @@ std::vector<double> Grid(double first, double last, double step) {
     return w;
 }
 
-// Text of the const char* exception `f` throws; "" when it throws nothing.
-template <class F>
-std::string ThrownText(F f) {
-    try {
-        f();
-    } catch (const char* text) {
-        return text;
-    }
-    return "";
-}
-
 double Lambda(unsigned int i) { return 400.0 + 10.0 * i; }
 
 // count spectra of n values in [0.02, 0.98], exactly sized so that a read past
@@ -119,25 +108,25 @@ private:
 
 TEST(SpectralSamplingValidation, RejectsShortListsAndRangesInsideTheGrid) {
     for (auto method : {SPECTRALSAMPLING_LINEAR, SPECTRALSAMPLING_CUBICSPLINE}) {
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d({550.0}, method); }),
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d({550.0}, method); }),
                   "Wavelength-list has less than 2 elements");
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d({}, method); }),
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d({}, method); }),
                   "Wavelength-list has less than 2 elements");
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d(Grid(410, 690, 10), method); }),
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d(Grid(410, 690, 10), method); }),
                   "Invalid wavelength range");
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d({380.0, NAN, 730.0}, method); }),
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d({380.0, NAN, 730.0}, method); }),
                   "Invalid wavelength range");
         // The range test is a conjunction: one good end is enough.
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d(Grid(410, 720, 10), method); }), "");
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d(Grid(380, 690, 10), method); }), "");
-        EXPECT_EQ(ThrownText([&] { ZKCSpectralSampling_Thread d({400.0, 700.0}, method); }), "");
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d(Grid(410, 720, 10), method); }), "");
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d(Grid(380, 690, 10), method); }), "");
+        EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSpectralSampling_Thread d({400.0, 700.0}, method); }), "");
     }
-    EXPECT_EQ(ThrownText([] { ZKCSpectralSampling_Linear w({500.0}); }), "Wavelength-list has less than 2 elements");
-    EXPECT_EQ(ThrownText([] { ZKCSpectralSampling_CubicSpline w({401.0, 699.0}); }), "Invalid wavelength range");
+    EXPECT_EQ(kelma_test::ThrownText([] { ZKCSpectralSampling_Linear w({500.0}); }), "Wavelength-list has less than 2 elements");
+    EXPECT_EQ(kelma_test::ThrownText([] { ZKCSpectralSampling_CubicSpline w({401.0, 699.0}); }), "Invalid wavelength range");
 }
 
 TEST(SpectralSamplingValidation, UnknownMethodIsDefaultCase) {
-    EXPECT_EQ(ThrownText([] { ZKCSpectralSampling_Thread d(Grid(380, 730, 10), static_cast<SPECTRALSAMPLING_METHOD>(2)); }),
+    EXPECT_EQ(kelma_test::ThrownText([] { ZKCSpectralSampling_Thread d(Grid(380, 730, 10), static_cast<SPECTRALSAMPLING_METHOD>(2)); }),
               "DefaultCase");
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <string>
 
 #include "kelma/common/AlignedBuffer.h"
 #include "kelma/common/Types.h"
@@ -20,6 +21,18 @@ inline bool SameBits(float a, float b) {
 
 // `count` reflectance spectra in (0, 1], 32 floats each with slot 31 = 0.
 kelma::AlignedBuffer<float> RandomSpectra(std::size_t count, std::uint32_t seed);
+
+// Text of the plain character-string exception (the library's failure
+// convention) that `f` throws; "" when it throws nothing.
+template <class F>
+std::string ThrownText(F f) {
+    try {
+        f();
+    } catch (const char* text) {
+        return text;
+    }
+    return "";
+}
 
 // Runs the enclosing scope with the processor count forced to `n`.
 class ScopedCPUCount {
