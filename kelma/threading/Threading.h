@@ -48,7 +48,10 @@ public:
     std::size_t Size() const { return slots_.size(); }
 
     // Starts `worker()` on a new thread in `slot`. A thread still running in
-    // that slot is joined first: two threads on one worker would race.
+    // that slot is joined first: two threads on one worker would race. When
+    // the thread cannot be started, every slot is joined before the error
+    // (Boost's resource error, or bad_alloc) is rethrown, so a caller that
+    // unwinds never releases memory a worker still uses.
     template <class Worker>
     void Start(std::size_t slot, Worker& worker) {
         Slot& s = slots_[slot];
@@ -56,13 +59,22 @@ public:
         s.error = nullptr;
         Worker* w = &worker;
         std::exception_ptr* error = &s.error;
-        s.thread.reset(new boost::thread([w, error]() {
-            try {
-                (*w)();
-            } catch (...) {
-                *error = std::current_exception();
-            }
-        }));
+        try {
+            s.thread.reset(new boost::thread([w, error]() {
+                try {
+                    (*w)();
+                } catch (...) {
+                    *error = std::current_exception();
+                }
+            }));
+        } catch (...) {
+            // The system refused the thread (boost::thread_resource_error) or
+            // memory ran out. Workers started earlier still write into the
+            // caller's buffers: join them all before the failure travels up
+            // and frees what they use.
+            JoinAllNoThrow();
+            throw;
+        }
     }
 
     // Joins slots 0 .. used-1 in order, then rethrows the first worker failure.
