@@ -3,6 +3,7 @@
 
 #include "kelma/common/Config.h"
 #include "kelma/common/Types.h"
+#include "kelma/common/KernelVariant.h"
 #include "kelma/threading/Threading.h"
 #include "kelma/colorimetry/ZKCObserver.h"
 #include "kelma/colorimetry/ZKCIlluminant.h"
