@@ -17,7 +17,7 @@ bool IsArgumentText(const char* text) {
 
 }  // namespace
 
-PYBIND11_MODULE(kelma, m) {
+PYBIND11_MODULE(_kelma, m) {
     m.doc() = R"doc(Spectral printer-model library: cellular Yule-Nielsen modified spectral
 Neugebauer prediction of halftone prints (4, 6 or 7 inks), colorimetry
 (CIE XYZ, CIELAB, LAB2000HL), spectral resampling, CGATS measurement files
