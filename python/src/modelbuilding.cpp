@@ -119,10 +119,11 @@ ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const st
     return builder.Build(o);
 }
 
-py::dict Stats(const kelma::ZKSDeltaEStatistics& s) {
+py::dict Stats(const kelma::ZKSStatistics& s) {
     py::dict d;
     d["count"] = s.count;
     d["mean"] = s.mean;
+    d["median"] = s.median;
     d["p95"] = s.p95;
     d["max"] = s.max;
     return d;
