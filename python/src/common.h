@@ -69,13 +69,13 @@ void ParallelFor(std::size_t total, const std::function<void(std::size_t, std::s
                  std::size_t inlineBelow = 4096);
 
 // Runs `call`; a library failure (a plain character-string exception) comes
-// back as a ValueError holding the library's text followed by `context`.
+// back as a ValueError: `context`, then the library's explanation of its text.
 template <class F>
 auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
     try {
         return call();
     } catch (const char* text) {
-        ThrowValue(std::string(text) + ": " + context);
+        ThrowValue(context + ": " + kelma::ExplainLibraryError(text));
     }
 }
 
