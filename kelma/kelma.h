@@ -28,3 +28,4 @@
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"
+#include "kelma/separation/ZKCSeparation.h"
