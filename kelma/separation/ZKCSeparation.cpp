@@ -7,6 +7,7 @@
 #include "kelma/common/LibraryErrors.h"
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/separation/ZKCSeparation_Core.h"
+#include "kelma/separation/ZKCSeparation_TableFit.h"
 #include "kelma/threading/Threading.h"
 
 namespace KELMA_NAMESPACE {
@@ -15,6 +16,10 @@ namespace {
 
 // Colours per round of solving and predicting (bounds the candidates' memory).
 constexpr std::size_t kChunk = 4096;
+// The table fit (ZKCSeparation_TableFit.h): samples at half the node spacing,
+// second differences weighted 0.01 against one sample.
+constexpr unsigned int kTableSubdivision = 2;
+constexpr double kTableSmoothing = 0.01;
 
 // Runs f(start, count) over [0, total) in the library's shares, one thread
 // per processor (the calling thread alone for a single share).
@@ -76,6 +81,69 @@ void SolveRuns(const ZKCSeparation::Core& core, std::size_t runs, std::size_t ru
             std::vector<unsigned char>().swap(candidates[start + i]);
         }
         core.ChooseBytes(n, results + start, all, counts);
+    }
+}
+
+// CIELAB at grid position g (a node when whole) along an axis.
+double GridCIELAB(unsigned int axis, double g, unsigned int gridPoints) {
+    const double steps = static_cast<double>(gridPoints) - 1.0;
+    if (axis == 0) return 100.0 * g / steps;
+    const double lower = 256.0 * g / steps;
+    return (lower <= 128.0 ? lower : 254.0 * g / steps) - 128.0;
+}
+
+// Moves x (n inks, bytes) into the limits: each ink in 0..255, black at most
+// blackLimit, the sum at most totalLimit (Euclidean projection on the sum).
+void ProjectInks(double* x, unsigned int n, unsigned int black, double blackLimit, double totalLimit) {
+    double hi[7];
+    for (unsigned int k = 0; k < n; ++k) hi[k] = k == black ? blackLimit : 255.0;
+    auto clampSum = [&](double shift, double* out) {
+        double s = 0.0;
+        for (unsigned int k = 0; k < n; ++k) {
+            const double v = std::min(std::max(x[k] - shift, 0.0), hi[k]);
+            if (out != nullptr) out[k] = v;
+            s += v;
+        }
+        return s;
+    };
+    if (clampSum(0.0, nullptr) <= totalLimit) {
+        clampSum(0.0, x);
+        return;
+    }
+    double lo = 0.0, up = 256.0;
+    for (int it = 0; it < 60; ++it) {
+        const double mid = 0.5 * (lo + up);
+        (clampSum(mid, nullptr) > totalLimit ? lo : up) = mid;
+    }
+    clampSum(up, x);
+}
+
+// Bytes of fitted node values x (inside the limits): round(x + 1/2), which
+// makes up for the half byte the CLUT workers lose on average by truncating
+// their interpolated outputs, kept at or below each ink's bound; then, while
+// the sum is over the total limit, the ink rounded up furthest is taken down
+// by one.
+void RoundInks(const double* x, unsigned int n, unsigned int black, unsigned int blackLimit, unsigned int totalLimit,
+               unsigned char* bytes) {
+    unsigned int sum = 0;
+    for (unsigned int k = 0; k < n; ++k) {
+        const double top = k == black ? blackLimit : 255.0;
+        bytes[k] = static_cast<unsigned char>(std::min(top, std::floor(std::min(std::max(x[k], 0.0), top) + 1.0)));
+        sum += bytes[k];
+    }
+    while (sum > totalLimit) {
+        unsigned int worst = n;
+        double most = -1.0;
+        for (unsigned int k = 0; k < n; ++k) {
+            const double up = bytes[k] - x[k];
+            if (bytes[k] > 0 && up > most) {
+                most = up;
+                worst = k;
+            }
+        }
+        if (worst == n) break;
+        --bytes[worst];
+        --sum;
     }
 }
 
@@ -153,10 +221,7 @@ void ZKCSeparation::GamutMap(const double* lab, std::size_t count, double* mappe
 }
 
 double ZKCSeparation::NodeCIELAB(unsigned int axis, unsigned int g, unsigned int gridPoints) {
-    const double steps = static_cast<double>(gridPoints) - 1.0;
-    if (axis == 0) return 100.0 * g / steps;
-    const double lower = 256.0 * g / steps;
-    return (lower <= 128.0 ? lower : 254.0 * g / steps) - 128.0;
+    return GridCIELAB(axis, static_cast<double>(g), gridPoints);
 }
 
 std::vector<unsigned char> ZKCSeparation::NodeTable(unsigned int gridPoints, std::vector<bool>* inGamut) const {
@@ -179,7 +244,157 @@ std::vector<unsigned char> ZKCSeparation::NodeTable(unsigned int gridPoints, std
         std::copy(results[i].bytes, results[i].bytes + N, &table[i * N]);
         if (inGamut != nullptr) (*inGamut)[i] = results[i].inGamut;
     }
+    FitBoundaryAndInside(gridPoints, results, table);
     return table;
+}
+
+void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vector<ZKSSeparationResult>& results,
+                                         std::vector<unsigned char>& table) const {
+    const Core& core = *core_;
+    const unsigned int n = gridPoints, N = core.inks;
+    if (n < 3) return;
+    const unsigned int F = kTableSubdivision;
+    const unsigned int f = F * (n - 1) + 1;  // fine points per axis
+    const std::size_t cells = std::size_t{n - 1} * (n - 1) * (n - 1);
+    auto node = [&](unsigned int a, unsigned int b, unsigned int c) { return (std::size_t{a} * n + b) * n + c; };
+    // Cells with an in-gamut corner, and the cells around them.
+    std::vector<char> touched(cells, 0), region(cells, 0);
+    for (unsigned int a = 0; a + 1 < n; ++a)
+        for (unsigned int b = 0; b + 1 < n; ++b)
+            for (unsigned int c = 0; c + 1 < n; ++c)
+                for (unsigned int k = 0; k < 8; ++k)
+                    if (results[node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u))].inGamut)
+                        touched[(std::size_t{a} * (n - 1) + b) * (n - 1) + c] = 1;
+    for (int a = 0; a + 1 < static_cast<int>(n); ++a)
+        for (int b = 0; b + 1 < static_cast<int>(n); ++b)
+            for (int c = 0; c + 1 < static_cast<int>(n); ++c) {
+                bool near = false;
+                for (int da = -1; da <= 1 && !near; ++da)
+                    for (int db = -1; db <= 1 && !near; ++db)
+                        for (int dc = -1; dc <= 1 && !near; ++dc) {
+                            const int x = a + da, y = b + db, z = c + dc;
+                            const int m = static_cast<int>(n) - 1;
+                            if (x < 0 || y < 0 || z < 0 || x >= m || y >= m || z >= m) continue;
+                            near = touched[(std::size_t(x) * m + y) * m + z] != 0;
+                        }
+                if (near) region[(std::size_t(a) * (n - 1) + b) * (n - 1) + c] = 1;
+            }
+    // Fine points of those cells that are not nodes, as lines along b*.
+    std::vector<char> fine(std::size_t{f} * f * f, 0);
+    for (unsigned int a = 0; a + 1 < n; ++a)
+        for (unsigned int b = 0; b + 1 < n; ++b)
+            for (unsigned int c = 0; c + 1 < n; ++c) {
+                if (!region[(std::size_t{a} * (n - 1) + b) * (n - 1) + c]) continue;
+                for (unsigned int i = F * a; i <= F * a + F; ++i)
+                    for (unsigned int j = F * b; j <= F * b + F; ++j)
+                        for (unsigned int k = F * c; k <= F * c + F; ++k)
+                            if (i % F || j % F || k % F) fine[(std::size_t{i} * f + j) * f + k] = 1;
+            }
+    std::vector<std::size_t> lineStart;
+    std::vector<unsigned int> points;  // fine index triples, grouped by line
+    for (unsigned int i = 0; i < f; ++i)
+        for (unsigned int j = 0; j < f; ++j) {
+            bool any = false;
+            for (unsigned int k = 0; k < f; ++k)
+                if (fine[(std::size_t{i} * f + j) * f + k]) {
+                    if (!any) lineStart.push_back(points.size() / 3);
+                    any = true;
+                    points.insert(points.end(), {i, j, k});
+                }
+        }
+    const std::size_t count = points.size() / 3;
+    lineStart.push_back(count);
+    const std::size_t lines = lineStart.size() - 1;
+    std::vector<double> inks(count * 7, 0.0);
+    std::vector<char> in(count, 0);
+    std::vector<unsigned int> codes(count, 0);
+    auto lineAt = [&](std::size_t i) { return lines > 1 ? (i * 7919) % lines : i; };
+    RunShares(lines, [&](std::size_t start, std::size_t len) {
+        for (std::size_t i = start; i < start + len; ++i) {
+            const std::size_t line = lineAt(i);
+            Core::Context ctx(core.subsets.size());
+            for (std::size_t p = lineStart[line]; p < lineStart[line + 1]; ++p) {
+                double t[3];
+                for (unsigned int axis = 0; axis < 3; ++axis) t[axis] = GridCIELAB(axis, points[3 * p + axis] / double(F), n);
+                in[p] = core.SolveInGamut(t, ctx, &inks[7 * p], &codes[p]) ? 1 : 0;
+            }
+        }
+    });
+    std::vector<ZKSTableFitSample> samples;
+    for (std::size_t p = 0; p < count; ++p) {
+        if (!in[p]) continue;
+        ZKSTableFitSample s;
+        for (unsigned int axis = 0; axis < 3; ++axis) s.fine[axis] = points[3 * p + axis];
+        std::copy(&inks[7 * p], &inks[7 * p] + 7, s.value);
+        samples.push_back(s);
+    }
+    std::vector<double> values(results.size() * N);
+    for (std::size_t g = 0; g < results.size(); ++g) {
+        std::copy(results[g].inks, results[g].inks + N, &values[g * N]);
+        if (!results[g].inGamut) continue;
+        ZKSTableFitSample s;
+        s.fine[0] = static_cast<unsigned int>(F * (g / (std::size_t{n} * n)));
+        s.fine[1] = static_cast<unsigned int>(F * (g / n % n));
+        s.fine[2] = static_cast<unsigned int>(F * (g % n));
+        std::copy(results[g].inks, results[g].inks + 7, s.value);
+        samples.push_back(s);
+    }
+    std::vector<bool> fitted;
+    double lower[7], upper[7];
+    for (unsigned int k = 0; k < N; ++k) {
+        lower[k] = 0.0;
+        upper[k] = k == 3 ? core.blackLimit : 255.0;
+    }
+    std::vector<bool> alsoFit(results.size(), false);
+    for (unsigned int a = 0; a + 1 < n; ++a)
+        for (unsigned int b = 0; b + 1 < n; ++b)
+            for (unsigned int c = 0; c + 1 < n; ++c)
+                if (region[(std::size_t{a} * (n - 1) + b) * (n - 1) + c])
+                    for (unsigned int k = 0; k < 8; ++k) alsoFit[node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u))] = true;
+    // Cells whose in-gamut colours use more than one ink subset: their
+    // in-gamut nodes keep their own separations (a fit across subsets mixes
+    // their inks).
+    std::vector<unsigned int> cellCode(cells, 0);
+    std::vector<char> mixed(cells, 0);
+    auto mark = [&](std::size_t cell, unsigned int code) {
+        if (cellCode[cell] == 0) cellCode[cell] = code;
+        else if (cellCode[cell] != code) mixed[cell] = 1;
+    };
+    auto cellsOf = [&](const unsigned int* fineIndex, unsigned int code) {
+        // Every cell that holds the point (on a face or corner: several).
+        unsigned int lo[3], hi[3];
+        for (int a = 0; a < 3; ++a) {
+            const unsigned int v = fineIndex[a];
+            lo[a] = v == 0 ? 0 : (v - 1) / F;
+            hi[a] = std::min(v / F, n - 2);
+        }
+        for (unsigned int a = lo[0]; a <= hi[0]; ++a)
+            for (unsigned int b = lo[1]; b <= hi[1]; ++b)
+                for (unsigned int c = lo[2]; c <= hi[2]; ++c) mark((std::size_t{a} * (n - 1) + b) * (n - 1) + c, code);
+    };
+    for (std::size_t p = 0; p < count; ++p)
+        if (in[p]) cellsOf(&points[3 * p], codes[p]);
+    for (std::size_t g = 0; g < results.size(); ++g) {
+        if (!results[g].inGamut) continue;
+        const unsigned int at[3] = {static_cast<unsigned int>(F * (g / (std::size_t{n} * n))),
+                                    static_cast<unsigned int>(F * (g / n % n)), static_cast<unsigned int>(F * (g % n))};
+        cellsOf(at, results[g].code);
+    }
+    std::vector<bool> keep(results.size(), false);
+    for (unsigned int a = 0; a + 1 < n; ++a)
+        for (unsigned int b = 0; b + 1 < n; ++b)
+            for (unsigned int c = 0; c + 1 < n; ++c)
+                if (mixed[(std::size_t{a} * (n - 1) + b) * (n - 1) + c])
+                    for (unsigned int k = 0; k < 8; ++k) {
+                        const std::size_t g = node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u));
+                        if (results[g].inGamut) keep[g] = true;
+                    }
+    FitTableNodes(n, F, N, samples, kTableSmoothing, lower, upper, alsoFit, keep, values, &fitted);
+    for (std::size_t g = 0; g < results.size(); ++g) {
+        if (!fitted[g] || keep[g]) continue;
+        ProjectInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit);
+        RoundInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit, &table[g * N]);
+    }
 }
 
 std::unique_ptr<ZKCWorkerCLUT_Thread> ZKCSeparation::CLUT(CLUT_ACCURACY accuracy) const {
@@ -198,20 +413,20 @@ ZKSTableSmoothness ZKCSeparation::TableSmoothness(const unsigned char* nodes, un
     ZKSTableSmoothness out;
     const std::size_t n = gridPoints;
     if (n < 3) return out;
-    std::vector<double> all;
+    std::vector<double> all, inside;
     const std::size_t stride[3] = {n * n, n, 1};
     for (unsigned int axis = 0; axis < 3; ++axis) {
         for (std::size_t node = 0; node < n * n * n; ++node) {
             const std::size_t g = node / stride[axis] % n;
             if (g == 0 || g + 1 == n) continue;
             const std::size_t a = node - stride[axis], b = node + stride[axis];
-            const bool inside = inGamut != nullptr && (*inGamut)[a] && (*inGamut)[node] && (*inGamut)[b];
+            const bool inGamutTriple = inGamut != nullptr && (*inGamut)[a] && (*inGamut)[node] && (*inGamut)[b];
             for (unsigned int k = 0; k < inks; ++k) {
                 const double d = std::fabs(static_cast<double>(nodes[a * inks + k]) - 2.0 * nodes[node * inks + k] +
                                            nodes[b * inks + k]) *
                                  100.0 / 255.0;
                 all.push_back(d);
-                if (inside) out.inGamutMax = std::max(out.inGamutMax, d);
+                if (inGamutTriple) inside.push_back(d);
             }
         }
     }
@@ -219,6 +434,8 @@ ZKSTableSmoothness ZKCSeparation::TableSmoothness(const unsigned char* nodes, un
     out.max = s.max;
     out.mean = s.mean;
     out.p99 = Percentile(all, 0.99);
+    out.inGamutMax = Summarize(inside).max;
+    out.inGamutP99 = Percentile(inside, 0.99);
     return out;
 }
 

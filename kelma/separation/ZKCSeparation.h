@@ -16,22 +16,33 @@
 // Ink subsets
 //  - A 4-ink model is separated with all four inks. A 6- or 7-ink model is
 //    separated, per colour, with black and three other inks (the others at
-//    0): the first subset, in this order, that reaches the colour:
-//      CMYK; CMYK with one of C, M, Y replaced by one extra ink (C replaced
-//      first, extra inks in model order); with two replaced; with all three
-//      replaced (6 inks: 1 + 6 + 3 = 10 subsets, 7 inks: 1 + 9 + 9 + 1 = 20).
-//    So CMYK colours are separated exactly as the CMYK sub-model would, and
-//    the extra inks are used only where CMYK cannot reach the colour. The
-//    gamut is the union of the subsets' gamuts (each subset under the same
-//    limits).
+//    0): the first subset that reaches the colour, tried in this order:
+//      1. CMYK;
+//      2. for each extra ink (4, 5, 6), nearest in hue to the colour first:
+//         CMYK with the ink of C, M, Y farthest from the extra ink in hue
+//         replaced by it (its complement: orange replaces cyan, green
+//         magenta, violet yellow);
+//      3. every other subset of black and three inks, in a fixed order (one
+//         of C, M, Y replaced by one extra ink, C first and extra inks in
+//         model order; then two replaced; then all three).
+//    Hues are those of the solid inks and of the colour about the paper and
+//    the grey axis (below). So CMYK colours are separated exactly as the
+//    CMYK sub-model would separate them, extra inks are used only where CMYK
+//    cannot reach the colour, and where a CMYK solution loses its
+//    complementary ink at the CMYK gamut's edge the next subset continues it
+//    without a jump. The gamut is the union of the subsets' gamuts (each
+//    under the same limits): colours that need four non-black inks at once
+//    are outside it.
 //  - Other ink counts throw "DefaultCase", as does a GamutMapperMethod other
 //    than 0.
 //
 // Reachability ("in gamut"): a colour is in gamut when some subset has a
 // point inside the limits whose colour (ZKCSeparation_Evaluator: the model
-// between byte levels, in double) is within 0.001 Delta E*ab of it. In-gamut
-// colours are reproduced by the continuous solution to that accuracy, before
-// the bytes are chosen.
+// between byte levels) is within 0.001 Delta E*ab of it. In-gamut colours
+// are reproduced by the continuous solution to that accuracy, before the
+// bytes are chosen. The point is found by least squares from device samples
+// of the subset (ZKCSeparation_Samples), restarted from every band of black
+// that may reach the colour.
 //
 // Black generation, for the colour to reproduce (the target, or its mapped
 // colour) and its subset: [Kmin, Kmax] is the range of black over which it is
@@ -57,19 +68,21 @@
 // other colour T = (L*, a*, b*):
 //  - the grey axis is the straight segment from the paper P (all inks 0) to
 //    the darkest reachable colour B (the least L* inside the limits);
-//  - L' = L* clamped to [L*(B), L*(P)]; the anchor A is the point of the
-//    grey axis with lightness L';
-//  - u is the unit vector of (a* - a*(A), b* - b*(A)) (T's hue about the grey
-//    axis; (1, 0) when T lies on it);
-//  - the mapped colour is M = A + s* (0, u), s* the largest s for which A +
-//    s (0, u) is in gamut: the most chromatic reproducible colour of
-//    lightness L' in T's hue direction. It keeps T's lightness whenever the
-//    gamut reaches it, lies on the gamut boundary, and is in gamut.
-//  - s* is found by bracketing: the in-gamut side (returned) is within 0.01
-//    of a point found out of gamut. (Outward from s*, colours up to T's own
-//    chroma are out of gamut; the search assumes, as for the press models,
-//    that the gamut's constant-lightness sections are star-shaped about the
-//    grey axis, so that the crossing it brackets is the last one.)
+//  - when L* is above L*(P) or below L*(B), T maps to P or B: no other
+//    colour has that lightness;
+//  - otherwise the anchor A is the point of the grey axis with lightness
+//    L*, u the unit vector of (a* - a*(A), b* - b*(A)) (T's hue about the
+//    grey axis; (1, 0) when T lies on it), and T maps to
+//        M = A + s* (0, u),  s* the largest s for which A + s (0, u) is in
+//    gamut: the most chromatic reproducible colour of T's lightness in T's
+//    hue direction. It keeps T's lightness, lies on the gamut boundary and
+//    is in gamut.
+//  - s* is bracketed to 0.01: M is in gamut and a point at most 0.01 farther
+//    along the ray was found out of gamut. The search starts from the
+//    anchor's side and the target's side of the ray, and assumes (as holds
+//    for the press models) that the gamut's constant-lightness sections are
+//    star-shaped about the grey axis, so that the crossing it brackets is the
+//    last one.
 //  In media-relative colour the paper is L* 100, a* = b* = 0.
 //
 // Bytes: the continuous solution x is turned into bytes by predicting, with
@@ -85,12 +98,31 @@
 // axis is L* = 100 g / (n - 1); node g of the a* and b* axes is the value
 // its input map puts there: 256 g / (n - 1) - 128 while that is <= 0 (128 on
 // the middle node when n is odd), else 254 g / (n - 1) - 128.
+//  - Every node first holds the bytes the batch call gives its colour (its
+//    mapped colour's when out of gamut).
+//  - Then the table is fitted where the gamut is: the separation is also
+//    computed halfway between nodes (the grid of half the spacing) in the
+//    cells that have an in-gamut corner and in the cells around them, and
+//    the nodes of those cells get, ink by ink, the least-squares values with
+//    which the table's multilinear interpolation reproduces the in-gamut
+//    separations, with a small second-difference penalty and every ink kept
+//    within 0..255 (black within its limit) (ZKCSeparation_TableFit.h);
+//    moved into the total limit and stored as round(v + 1/2) bytes (the
+//    workers truncate their interpolated outputs, half a byte down on
+//    average). In-gamut nodes of cells whose colours use more than one ink
+//    subset keep their own bytes (a fit across subsets mixes their inks).
+//  So in-gamut colours are reproduced also in cells that straddle the gamut
+//  boundary, where interpolating toward mapped colours would pull them
+//  toward the boundary; out-of-gamut colours in those cells get the fitted
+//  extension rather than their mapped colour's inks. Every node, and so
+//  every output of the table, meets the limits.
 //
 // Results depend on nothing but the colour and the settings: not on batch
 // size, position or thread count. Tables are built line by line along b*,
 // each node starting its searches from its solved neighbour (the results
-// are the same as from a cold start up to the searches' tolerances, and so
-// the choices stay on one branch of solutions along a line).
+// are those of a cold start up to the searches' tolerances, and the choices
+// stay on one branch of solutions along a line); lines are independent, so
+// tables do not depend on the thread count either.
 //
 // NaN policy: the batch calls throw "Non-finite CIELAB" for any non-finite
 // input component before computing anything.
@@ -127,10 +159,10 @@ struct KELMA_API ZKSSeparationResult {
 // The smoothness figure of a node table: over every grid line along each
 // of the three axes and every node g with both neighbours, the second
 // difference |v[g-1] - 2 v[g] + v[g+1]| of each ink, in percent (100/255
-// per byte). max, 99th percentile and mean over all of them; inGamutMax:
-// the largest over triples of nodes whose colours are all in gamut.
+// per byte). max, 99th percentile and mean over all of them; inGamutMax and
+// inGamutP99: over the triples of nodes whose colours are all in gamut.
 struct KELMA_API ZKSTableSmoothness {
-    double max = 0, p99 = 0, mean = 0, inGamutMax = 0;
+    double max = 0, p99 = 0, mean = 0, inGamutMax = 0, inGamutP99 = 0;
 };
 
 class KELMA_API ZKCSeparation {
@@ -182,6 +214,9 @@ public:
     struct Core;
 
 private:
+    void FitBoundaryAndInside(unsigned int gridPoints, const std::vector<ZKSSeparationResult>& results,
+                              std::vector<unsigned char>& table) const;
+
     std::shared_ptr<const Core> core_;
 };
 

@@ -472,6 +472,21 @@ void ZKCSeparation::Core::Solve(const double* t, Context& ctx, ZKSSeparationResu
     }
 }
 
+bool ZKCSeparation::Core::SolveInGamut(const double* t, Context& ctx, double* inks, unsigned int* code) const {
+    Reach reach;
+    if (!Reachable(t, ctx, reach, true)) return false;
+    const ZKCSeparation_Subset& sub = *subsets[reach.subset];
+    ZKCSeparation_Subset::ZKSBlackRange range;
+    sub.BlackRange(t, reach.x.x, range);
+    const ZKSSubsetPoint x = sub.PointAtBlack(t, range, BlackAmount(range.kMin, range.kMax, t[0]));
+    std::fill(inks, inks + 7, 0.0);
+    for (unsigned int j = 0; j < 4; ++j) inks[sub.ModelInk(j)] = x.x[j];
+    *code = sub.Code();
+    ctx.warm[reach.subset] = x;
+    ctx.hasWarm[reach.subset] = true;
+    return true;
+}
+
 void ZKCSeparation::Core::ChooseBytes(std::size_t count, ZKSSeparationResult* results,
                                       const std::vector<unsigned char>& candidates,
                                       const std::vector<unsigned int>& candidateCount) const {

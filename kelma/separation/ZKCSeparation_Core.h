@@ -63,6 +63,10 @@ struct ZKCSeparation::Core {
     void Solve(const double* t, Context& ctx, ZKSSeparationResult& result,
                std::vector<unsigned char>& candidates) const;
 
+    // The continuous separation of an in-gamut colour (model order, 7
+    // values); false, with nothing computed, when it is out of gamut.
+    bool SolveInGamut(const double* t, Context& ctx, double* inks, unsigned int* code) const;
+
     // Chooses each result's bytes among its candidates by the library's
     // prediction; candidateCount[i] candidates belong to result i, in order.
     void ChooseBytes(std::size_t count, ZKSSeparationResult* results, const std::vector<unsigned char>& candidates,
