@@ -90,5 +90,6 @@ void RegisterPrediction(py::module_& m);
 void RegisterSampling(py::module_& m);
 void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
+void RegisterSeparation(py::module_& m);
 
 }  // namespace kelma_py
