@@ -30,7 +30,7 @@
 //  7. Speed: 33^3 tables for 4 and 7 inks (wall time, all processors,
 //     median of 3 builds; --quick: one), and the batch call.
 // With --csv DIR it writes the inks along the neutral axis and along a hue
-// circle (L* 50, chroma 40) for bench/plot_separation.py.
+// circle (L* 60, chroma 60) for bench/plot_separation.py.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -325,13 +325,16 @@ void BlackGeneration(const ZKCSSE_KELMA_Data& model, const char* csvDir) {
     }
 }
 
+// The hue circle of the pictures: beyond CMYK's reach at some hues.
+constexpr double kHueL = 60.0, kHueC = 60.0;
+
 void HueCircle(const ZKCSeparation& sep, const char* csvDir) {
     if (csvDir == nullptr) return;
     const unsigned int N = sep.NumberOfInks();
     std::vector<double> lab;
     for (int h = 0; h < 360; ++h) {
         const double r = h * 3.14159265358979323846 / 180.0;
-        lab.insert(lab.end(), {50.0, 40.0 * std::cos(r), 40.0 * std::sin(r)});
+        lab.insert(lab.end(), {kHueL, kHueC * std::cos(r), kHueC * std::sin(r)});
     }
     std::vector<ZKSSeparationResult> res(360);
     sep.Analyse(lab.data(), 360, res.data());

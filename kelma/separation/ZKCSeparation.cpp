@@ -17,9 +17,12 @@ namespace {
 // Colours per round of solving and predicting (bounds the candidates' memory).
 constexpr std::size_t kChunk = 4096;
 // The table fit (ZKCSeparation_TableFit.h): samples at half the node spacing,
-// second differences weighted 0.01 against one sample.
+// residuals weighted by their colour (J^T J + 0.001, in (Delta E*ab / byte)^2
+// and 1 / byte^2), second differences by 1e-4 (against about 0.1 of colour
+// weight per byte^2 per sample).
 constexpr unsigned int kTableSubdivision = 2;
-constexpr double kTableSmoothing = 0.01;
+constexpr double kTableSmoothing = 1e-4;
+constexpr double kTableInkWeight = 1e-3;
 
 // Runs f(start, count) over [0, total) in the library's shares, one thread
 // per processor (the calling thread alone for a single share).
@@ -307,7 +310,6 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
     const std::size_t lines = lineStart.size() - 1;
     std::vector<double> inks(count * 7, 0.0);
     std::vector<char> in(count, 0);
-    std::vector<unsigned int> codes(count, 0);
     auto lineAt = [&](std::size_t i) { return lines > 1 ? (i * 7919) % lines : i; };
     RunShares(lines, [&](std::size_t start, std::size_t len) {
         for (std::size_t i = start; i < start + len; ++i) {
@@ -316,28 +318,29 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
             for (std::size_t p = lineStart[line]; p < lineStart[line + 1]; ++p) {
                 double t[3];
                 for (unsigned int axis = 0; axis < 3; ++axis) t[axis] = GridCIELAB(axis, points[3 * p + axis] / double(F), n);
-                in[p] = core.SolveInGamut(t, ctx, &inks[7 * p], &codes[p]) ? 1 : 0;
+                in[p] = core.SolveInGamut(t, ctx, &inks[7 * p]) ? 1 : 0;
             }
         }
     });
+    // Samples with their colour derivatives (the fit weighs errors by colour).
     std::vector<ZKSTableFitSample> samples;
-    for (std::size_t p = 0; p < count; ++p) {
-        if (!in[p]) continue;
+    auto addSample = [&](const unsigned int* fineIndex, const double* x) {
         ZKSTableFitSample s;
-        for (unsigned int axis = 0; axis < 3; ++axis) s.fine[axis] = points[3 * p + axis];
-        std::copy(&inks[7 * p], &inks[7 * p] + 7, s.value);
+        std::copy(fineIndex, fineIndex + 3, s.fine);
+        std::copy(x, x + 7, s.value);
+        double lab[3];
+        s.hasJacobian = core.full->Lab(x, lab, s.jacobian);
         samples.push_back(s);
-    }
+    };
+    for (std::size_t p = 0; p < count; ++p)
+        if (in[p]) addSample(&points[3 * p], &inks[7 * p]);
     std::vector<double> values(results.size() * N);
     for (std::size_t g = 0; g < results.size(); ++g) {
         std::copy(results[g].inks, results[g].inks + N, &values[g * N]);
         if (!results[g].inGamut) continue;
-        ZKSTableFitSample s;
-        s.fine[0] = static_cast<unsigned int>(F * (g / (std::size_t{n} * n)));
-        s.fine[1] = static_cast<unsigned int>(F * (g / n % n));
-        s.fine[2] = static_cast<unsigned int>(F * (g % n));
-        std::copy(results[g].inks, results[g].inks + 7, s.value);
-        samples.push_back(s);
+        const unsigned int at[3] = {static_cast<unsigned int>(F * (g / (std::size_t{n} * n))),
+                                    static_cast<unsigned int>(F * (g / n % n)), static_cast<unsigned int>(F * (g % n))};
+        addSample(at, results[g].inks);
     }
     std::vector<bool> fitted;
     double lower[7], upper[7];
@@ -350,48 +353,11 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
         for (unsigned int b = 0; b + 1 < n; ++b)
             for (unsigned int c = 0; c + 1 < n; ++c)
                 if (region[(std::size_t{a} * (n - 1) + b) * (n - 1) + c])
-                    for (unsigned int k = 0; k < 8; ++k) alsoFit[node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u))] = true;
-    // Cells whose in-gamut colours use more than one ink subset: their
-    // in-gamut nodes keep their own separations (a fit across subsets mixes
-    // their inks).
-    std::vector<unsigned int> cellCode(cells, 0);
-    std::vector<char> mixed(cells, 0);
-    auto mark = [&](std::size_t cell, unsigned int code) {
-        if (cellCode[cell] == 0) cellCode[cell] = code;
-        else if (cellCode[cell] != code) mixed[cell] = 1;
-    };
-    auto cellsOf = [&](const unsigned int* fineIndex, unsigned int code) {
-        // Every cell that holds the point (on a face or corner: several).
-        unsigned int lo[3], hi[3];
-        for (int a = 0; a < 3; ++a) {
-            const unsigned int v = fineIndex[a];
-            lo[a] = v == 0 ? 0 : (v - 1) / F;
-            hi[a] = std::min(v / F, n - 2);
-        }
-        for (unsigned int a = lo[0]; a <= hi[0]; ++a)
-            for (unsigned int b = lo[1]; b <= hi[1]; ++b)
-                for (unsigned int c = lo[2]; c <= hi[2]; ++c) mark((std::size_t{a} * (n - 1) + b) * (n - 1) + c, code);
-    };
-    for (std::size_t p = 0; p < count; ++p)
-        if (in[p]) cellsOf(&points[3 * p], codes[p]);
+                    for (unsigned int k = 0; k < 8; ++k)
+                        alsoFit[node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u))] = true;
+    FitTableNodes(n, F, N, samples, kTableSmoothing, lower, upper, alsoFit, kTableInkWeight, values, &fitted);
     for (std::size_t g = 0; g < results.size(); ++g) {
-        if (!results[g].inGamut) continue;
-        const unsigned int at[3] = {static_cast<unsigned int>(F * (g / (std::size_t{n} * n))),
-                                    static_cast<unsigned int>(F * (g / n % n)), static_cast<unsigned int>(F * (g % n))};
-        cellsOf(at, results[g].code);
-    }
-    std::vector<bool> keep(results.size(), false);
-    for (unsigned int a = 0; a + 1 < n; ++a)
-        for (unsigned int b = 0; b + 1 < n; ++b)
-            for (unsigned int c = 0; c + 1 < n; ++c)
-                if (mixed[(std::size_t{a} * (n - 1) + b) * (n - 1) + c])
-                    for (unsigned int k = 0; k < 8; ++k) {
-                        const std::size_t g = node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u));
-                        if (results[g].inGamut) keep[g] = true;
-                    }
-    FitTableNodes(n, F, N, samples, kTableSmoothing, lower, upper, alsoFit, keep, values, &fitted);
-    for (std::size_t g = 0; g < results.size(); ++g) {
-        if (!fitted[g] || keep[g]) continue;
+        if (!fitted[g]) continue;
         ProjectInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit);
         RoundInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit, &table[g * N]);
     }

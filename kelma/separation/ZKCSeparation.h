@@ -103,14 +103,16 @@
 //  - Then the table is fitted where the gamut is: the separation is also
 //    computed halfway between nodes (the grid of half the spacing) in the
 //    cells that have an in-gamut corner and in the cells around them, and
-//    the nodes of those cells get, ink by ink, the least-squares values with
-//    which the table's multilinear interpolation reproduces the in-gamut
-//    separations, with a small second-difference penalty and every ink kept
-//    within 0..255 (black within its limit) (ZKCSeparation_TableFit.h);
-//    moved into the total limit and stored as round(v + 1/2) bytes (the
-//    workers truncate their interpolated outputs, half a byte down on
-//    average). In-gamut nodes of cells whose colours use more than one ink
-//    subset keep their own bytes (a fit across subsets mixes their inks).
+//    the nodes of those cells get the least-squares values with which the
+//    table's multilinear interpolation reproduces the in-gamut separations,
+//    each residual weighted by its colour (J^T J + 0.001 I, J the colour's
+//    derivatives by the inks there, in Delta E*ab per byte), with a small
+//    second-difference penalty (1e-4) and every ink kept within 0..255
+//    (black within its limit) (ZKCSeparation_TableFit.h); then moved into
+//    the total limit and stored as round(v + 1/2) bytes (the workers truncate
+//    their interpolated outputs, half a byte down on average). A fitted node
+//    may so hold inks of two subsets, and its black follows the black
+//    generation only as far as colour accuracy allows.
 //  So in-gamut colours are reproduced also in cells that straddle the gamut
 //  boundary, where interpolating toward mapped colours would pull them
 //  toward the boundary; out-of-gamut colours in those cells get the fitted

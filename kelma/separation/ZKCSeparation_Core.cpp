@@ -84,6 +84,7 @@ ZKCSeparation::Core::Core(const ZKCSSE_KELMA_Data& m, const ZKCUserParameter_Out
     blackLength = static_cast<double>(p.BlackLength());
     blackWidth = static_cast<double>(p.BlackWidth());
     codes = SubsetCodesFor(inks);
+    full = std::make_shared<ZKCSeparation_Evaluator>(model, illuminant, mediaRelative);
     for (unsigned int code : codes)
         subsets.push_back(std::make_shared<ZKCSeparation_Subset>(model, code, 3u, illuminant, mediaRelative,
                                                                  static_cast<double>(totalLimit),
@@ -472,7 +473,7 @@ void ZKCSeparation::Core::Solve(const double* t, Context& ctx, ZKSSeparationResu
     }
 }
 
-bool ZKCSeparation::Core::SolveInGamut(const double* t, Context& ctx, double* inks, unsigned int* code) const {
+bool ZKCSeparation::Core::SolveInGamut(const double* t, Context& ctx, double* inks) const {
     Reach reach;
     if (!Reachable(t, ctx, reach, true)) return false;
     const ZKCSeparation_Subset& sub = *subsets[reach.subset];
@@ -481,7 +482,6 @@ bool ZKCSeparation::Core::SolveInGamut(const double* t, Context& ctx, double* in
     const ZKSSubsetPoint x = sub.PointAtBlack(t, range, BlackAmount(range.kMin, range.kMax, t[0]));
     std::fill(inks, inks + 7, 0.0);
     for (unsigned int j = 0; j < 4; ++j) inks[sub.ModelInk(j)] = x.x[j];
-    *code = sub.Code();
     ctx.warm[reach.subset] = x;
     ctx.hasWarm[reach.subset] = true;
     return true;

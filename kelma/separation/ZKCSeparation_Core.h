@@ -65,7 +65,7 @@ struct ZKCSeparation::Core {
 
     // The continuous separation of an in-gamut colour (model order, 7
     // values); false, with nothing computed, when it is out of gamut.
-    bool SolveInGamut(const double* t, Context& ctx, double* inks, unsigned int* code) const;
+    bool SolveInGamut(const double* t, Context& ctx, double* inks) const;
 
     // Chooses each result's bytes among its candidates by the library's
     // prediction; candidateCount[i] candidates belong to result i, in order.
@@ -88,6 +88,8 @@ struct ZKCSeparation::Core {
     std::vector<unsigned int> codes;
     std::vector<std::shared_ptr<const ZKCSeparation_Subset>> subsets;
     std::vector<std::shared_ptr<const ZKCSeparation_Samples>> samples;
+    // The whole model (all inks), for derivatives across subsets.
+    std::shared_ptr<const ZKCSeparation_Evaluator> full;
     std::vector<double> inkHue;               // radians, each ink's solid about the paper
     std::vector<std::size_t> naturalSubset;   // per extra ink: CMYK with its complement replaced
     double paper[3];

@@ -26,7 +26,7 @@ ZKCSeparation_Evaluator::ZKCSeparation_Evaluator(const ZKCSSE_KELMA_Data& model,
     // last 0): the sums of all wavelengths are then loops over contiguous
     // doubles.
     const std::size_t cells = model.MatrixSchemeSize() / (std::size_t{kSpectralValues} << model.NumberOfInks());
-    scheme_.assign(cells * corners_ * kLanes, 0.0);
+    scheme_.assign(cells * corners_ * kLanes, 0.0f);
     const float* src = model.MatrixScheme();
     for (std::size_t q = 0; q < cells; ++q)
         for (unsigned int l = 0; l < kSpectralValues; ++l)
@@ -95,11 +95,11 @@ bool ZKCSeparation_Evaluator::XYZ(const double* x, double* xyz, double* jac) con
     for (unsigned int k = 1; k < K; ++k) m[k] = m[k & (k - 1)] * w[__builtin_ctz(k)];
     // Spectral sums s_l = sum_k c_kl m_k and their derivatives by each
     // ink's local coordinate, all wavelengths at once.
-    const double* block = scheme_.data() + cell * K * kLanes;
+    const float* block = scheme_.data() + cell * K * kLanes;
     alignas(16) double sum[kLanes] = {};
     alignas(16) double dsum[kMaxInks][kLanes] = {};
     for (unsigned int k = 0; k < K; ++k) {
-        const double* c = block + std::size_t{k} * kLanes;
+        const float* c = block + std::size_t{k} * kLanes;
         const double mk = m[k];
         for (unsigned int l = 0; l < kLanes; ++l) sum[l] += c[l] * mk;
         if (jac == nullptr) continue;

@@ -67,7 +67,7 @@ private:
     double n_;
     // Wavelengths per coefficient row: 31 and a 0.
     static constexpr unsigned int kLanes = 32;
-    std::vector<double> scheme_;
+    std::vector<float> scheme_;
     // Per ink: the ramp (256 values), the cell of each whole byte, per cell its
     // lower ramp value and scale, and the cell stride (G-1)^i.
     std::vector<double> ramps_;

@@ -93,13 +93,13 @@ ZKSTestModel MakePressLikeModel(unsigned int inks, unsigned int gridPoints, doub
         const double nm = 400.0 + 10.0 * w;
         // C, M, Y, K, then orange, green, violet: where each ink absorbs.
         const double band[7] = {
-            0.05 + 1.9 * rise(nm, 575, 15),
-            0.05 + 1.8 * rise(nm, 490, 12) * (1.0 - rise(nm, 600, 12)),
-            0.03 + 1.6 * (1.0 - rise(nm, 500, 12)),
-            3.0 + 0.1 * (nm - 400.0) / 300.0,
-            0.05 + 1.8 * (1.0 - rise(nm, 570, 12)),
-            0.05 + 1.7 * ((1.0 - rise(nm, 480, 12)) + rise(nm, 590, 15)),
-            0.05 + 1.7 * rise(nm, 510, 12) * (1.0 - rise(nm, 640, 12)),
+            0.05 + 2.6 * rise(nm, 575, 15),
+            0.05 + 2.5 * rise(nm, 490, 12) * (1.0 - rise(nm, 600, 12)),
+            0.03 + 2.6 * (1.0 - rise(nm, 500, 12)),
+            3.6 + 0.1 * (nm - 400.0) / 300.0,
+            0.05 + 2.6 * (1.0 - rise(nm, 565, 12)),
+            0.05 + 2.4 * ((1.0 - rise(nm, 480, 12)) + rise(nm, 585, 15)),
+            0.05 + 2.4 * rise(nm, 505, 12) * (1.0 - rise(nm, 640, 12)),
         };
         for (unsigned int k = 0; k < inks; ++k) m.absorption[k * 31 + w] = band[k < 7 ? k : 6];
     }
