@@ -41,7 +41,7 @@ unsigned int Clamp(double n, std::vector<double>& nodes) {
 
 std::vector<double> FinePriorCandidates() {
     std::vector<double> c;
-    for (int e = -4; e <= 4; ++e) c.push_back(std::ldexp(1.0, e));
+    for (int e = -6; e <= 4; ++e) c.push_back(std::ldexp(1.0, e));
     return c;
 }
 

@@ -15,7 +15,7 @@
 // alone by an inner two-fold cross-validation: the rows are split by the
 // library's split on the fine grid (SplitByRecipe: rows on fine nodes in
 // both folds, the others alternately by recipe), each candidate weight in
-// 1/16, 1/8, ..., 16 fits one half and is judged by the mean CIEDE2000 on
+// 1/64, 1/32, ..., 16 fits one half and is judged by the mean CIEDE2000 on
 // the other (both ways), and the lowest mean wins (the larger weight on a
 // tie). When either half is empty the weight is 1 (one patch per node). The
 // base model has seen every training row, so the inner folds lean towards

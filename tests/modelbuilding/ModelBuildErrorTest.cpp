@@ -230,3 +230,32 @@ TEST(ModelBuildErrors, MissingNodesEstimatedFromACoarserModel) {
     paper.Remove(paper.Find({0, 0, 0, 0}));
     ExpectBuildError([&] { ZKCModelBuilder(paper.chart).Build(o); }, {"no paper patch"});
 }
+
+TEST(ModelBuildErrors, FineGridOptions) {
+    Fixture f;
+    const ZKCModelBuilder builder(f.chart);
+    ZKSModelBuildOptions o = f.Options();
+    o.gridPercent = {0.0, 40.0, 70.0, 100.0};
+    // Without a base grid the 4-level grid's nodes are simply missing.
+    ExpectBuildError([&] { builder.Build(o); }, {"lacks 175 of the 256 grid nodes"});
+    o.finePriorWeight = 2.0;
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight needs the base grid"});
+    o.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    o.finePriorWeight = -1.0;
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight -1", ">= 0"});
+    o.finePriorWeight = std::numeric_limits<double>::quiet_NaN();
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight nan"});
+    o.finePriorWeight = 0.0;
+    o.fineBaseGridPercent = {10.0, 100.0};
+    ExpectBuildError([&] { builder.Build(o); }, {"the base grid of CMYK_C must start at 0 %"});
+    o.fineBaseGridPercent = {0.0, 50.0, 100.0};
+    ExpectBuildError([&] { builder.Build(o); }, {"the base model of the fine-grid fit: the chart lacks", "(50, 0, 0, 0)"});
+    // Only the base grid's nodes need patches.
+    o.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    const ZKSBuiltModel built = builder.Build(o);
+    EXPECT_EQ(built.model.numberOfGridPoints, 4u);
+    EXPECT_EQ(built.estimatedNodes.size(), 175u);
+    EXPECT_EQ(built.nodePatches.size(), 81u);
+    EXPECT_GT(built.finePriorWeight, 0.0);
+    EXPECT_LT(built.fitError.mean, 0.1);
+}
