@@ -13,7 +13,7 @@
 //
 // BM_BuildMultiInk: 6 and 7 inks on {0, 40, 100} % from the generated
 // extended-gamut chart of tests/support/ChartMaker.h (MultiInkChart, about
-// 2100 and 2800 patches, never the full grid; missing nodes estimated), fold
+// 2200 and 2900 patches, never the full grid; missing nodes estimated), fold
 // 0 of the library's split; counters: held-out CIEDE2000 of fold 0. Target:
 // 7 inks refined under 60 s.
 //

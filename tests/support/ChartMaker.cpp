@@ -48,7 +48,7 @@ kelma::ZKSModelChart MultiInkChart(const ZKSTestModel& truth) {
                 }
         }
     for (unsigned int i = 0; i < inks; ++i)
-        for (double v = 2.0; v < 100.0; v += 3.0) {
+        for (double v = 2.0; v < 100.0; v += 2.0) {
             std::vector<double> r(inks, 0.0);
             r[i] = v;
             add(r);

@@ -82,7 +82,7 @@ private:
 // and black (orange: M, Y, K; green: C, Y, K; violet: C, M, K), without the
 // patches the CMYK part already holds; two-ink overprints of every extra ink
 // with every ink outside its layout at {20, 40, 70, 100} %; single-ink ramps
-// at 2, 5, 8, ..., 98 %. Recipes are distinct; 4-ink charts get the CMYK
+// at 2, 4, 6, ..., 98 %. Recipes are distinct; 4-ink charts get the CMYK
 // part and the ramps. Device values are written in percent as charts are
 // (e.g. 40 %, so the digital level is 102).
 kelma::ZKSModelChart MultiInkChart(const ZKSTestModel& truth);
