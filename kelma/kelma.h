@@ -13,6 +13,7 @@
 #include "kelma/colorimetry/ZKCWhitePoint.h"
 #include "kelma/colorimetry/CIELAB.h"
 #include "kelma/colorimetry/CIEDE2000.h"
+#include "kelma/colorimetry/StandardIlluminants.h"
 #include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
 #include "kelma/clut/ZKCUserParameter_Output.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"

@@ -83,6 +83,11 @@ auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
 // sequence of those, or a LightingMatrix) and an observer (2 or 10).
 kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
 
+// A chart argument: a kelma.MeasurementFile (its device channels are the
+// inks, in percent; spectra resampled linearly) or a tuple (device_values
+// (patches, N) in percent, spectra (patches, 31)). ink_names only with a tuple.
+kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& inkNames);
+
 // Registration of each part of the module.
 void RegisterColorimetry(py::module_& m);
 void RegisterModel(py::module_& m);
@@ -90,5 +95,6 @@ void RegisterPrediction(py::module_& m);
 void RegisterSampling(py::module_& m);
 void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
+void RegisterColour(py::module_& m);
 
 }  // namespace kelma_py

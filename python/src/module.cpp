@@ -53,4 +53,5 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterSampling(m);
     kelma_py::RegisterClut(m);
     kelma_py::RegisterModelBuilding(m);
+    kelma_py::RegisterColour(m);
 }
