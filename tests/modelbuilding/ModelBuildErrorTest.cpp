@@ -9,8 +9,8 @@
 
 #include "kelma/colorimetry/CIEDE2000.h"
 #include "kelma/common/InkLevels.h"
-#include "kelma/modelbuilding/ModelBuildingMath.h"
-#include "kelma/modelbuilding/YuleNielsenFit.h"
+#include "kelma/modelbuilding/FitColorimetry.h"
+#include "kelma/modelbuilding/ModelAssembly.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
 #include "tests/modelbuilding/SyntheticChart.h"
 #include "tests/support/ModelGenerator.h"
@@ -207,10 +207,55 @@ TEST(ModelBuildErrors, MissingNodesEstimatedFromACoarserModel) {
         std::printf("    estimated node %zu: CIEDE2000 %.3f from the measurement\n", k, deltaE);
         EXPECT_LT(deltaE, 1.0) << k;
     }
-    // Without the 0 / 100 % nodes even the coarse model cannot be built.
+    // The coarse model's own missing solid overprint comes from the overprint
+    // rule, which is exact for the generator's Beer-Lambert nodes.
     Fixture g;
-    g.Remove(g.Find({100, 100, 100, 100}));
+    const std::size_t solid = g.Find({100, 100, 100, 100});
+    const std::vector<double> solidSpectrum(g.chart.spectra.begin() + solid * 31,
+                                            g.chart.spectra.begin() + solid * 31 + 31);
+    g.Remove(solid);
     g.Remove(g.Find({40, 40, 40, 40}));
-    ExpectBuildError([&] { ZKCModelBuilder(g.chart).Build(o); },
-                     {"estimating missing nodes from the coarse model", "lacks 1 of the 16", "(100, 100, 100, 100)"});
+    const ZKSBuiltModel both = ZKCModelBuilder(g.chart).Build(o);
+    EXPECT_EQ(both.estimatedNodes, (std::vector<std::size_t>{40, 80}));
+    const unsigned char full[4] = {255, 255, 255, 255};
+    double predicted[31];
+    modelbuilding::PredictFromArrays(both.model, full, predicted);
+    for (unsigned int w = 0; w < 31; ++w) EXPECT_NEAR(predicted[w], solidSpectrum[w], 1e-12 + 1e-9 * solidSpectrum[w]);
+    // The paper and the single-ink nodes cannot be estimated.
+    Fixture h;
+    h.Remove(h.Find({100, 0, 0, 0}));
+    ExpectBuildError([&] { ZKCModelBuilder(h.chart).Build(o); },
+                     {"estimating missing nodes from the coarse model", "no patch of CMYK_C alone", "(100, 0, 0, 0)"});
+    Fixture paper;
+    paper.Remove(paper.Find({0, 0, 0, 0}));
+    ExpectBuildError([&] { ZKCModelBuilder(paper.chart).Build(o); }, {"no paper patch"});
+}
+
+TEST(ModelBuildErrors, FineGridOptions) {
+    Fixture f;
+    const ZKCModelBuilder builder(f.chart);
+    ZKSModelBuildOptions o = f.Options();
+    o.gridPercent = {0.0, 40.0, 70.0, 100.0};
+    // Without a base grid the 4-level grid's nodes are simply missing.
+    ExpectBuildError([&] { builder.Build(o); }, {"lacks 175 of the 256 grid nodes"});
+    o.finePriorWeight = 2.0;
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight needs the base grid"});
+    o.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    o.finePriorWeight = -1.0;
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight -1", ">= 0"});
+    o.finePriorWeight = std::numeric_limits<double>::quiet_NaN();
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight nan"});
+    o.finePriorWeight = 0.0;
+    o.fineBaseGridPercent = {10.0, 100.0};
+    ExpectBuildError([&] { builder.Build(o); }, {"the base grid of CMYK_C must start at 0 %"});
+    o.fineBaseGridPercent = {0.0, 50.0, 100.0};
+    ExpectBuildError([&] { builder.Build(o); }, {"the base model of the fine-grid fit: the chart lacks", "(50, 0, 0, 0)"});
+    // Only the base grid's nodes need patches.
+    o.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    const ZKSBuiltModel built = builder.Build(o);
+    EXPECT_EQ(built.model.numberOfGridPoints, 4u);
+    EXPECT_EQ(built.estimatedNodes.size(), 175u);
+    EXPECT_EQ(built.nodePatches.size(), 81u);
+    EXPECT_GT(built.finePriorWeight, 0.0);
+    EXPECT_LT(built.fitError.mean, 0.1);
 }
