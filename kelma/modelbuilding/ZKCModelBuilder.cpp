@@ -10,6 +10,7 @@
 #include "kelma/colorimetry/ZKCWhitePoint.h"
 #include "kelma/common/InkLevels.h"
 #include "kelma/evaluation/ModelEvaluation.h"
+#include "kelma/measurement/SpectralPlausibility.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/modelbuilding/ModelBuildingMath.h"
 #include "kelma/modelbuilding/YuleNielsenFit.h"
@@ -561,10 +562,14 @@ ZKCModelBuilder::ZKCModelBuilder(const ZKSModelChart& chart) : chart_(chart) {
                      " is not a percentage in [0, 100]");
             levels_[p * inks + i] = static_cast<unsigned char>(DigitalLevel(v));
         }
-        for (unsigned int w = 0; w < kBands; ++w)
-            if (!std::isfinite(chart.spectra[p * kBands + w]))
-                Fail("patch " + std::to_string(p) + " has a spectral value that is not a finite number");
     }
+    // Reflectance factors, as every reader of measured spectra requires: a
+    // huge value would overflow the fit's colorimetry (NaN fit error), percent
+    // would fit a model of the wrong print.
+    const ZKSValueProblem reflectance = FindReflectanceProblem(chart.spectra.data(), chart.spectra.size());
+    if (reflectance.found)
+        Fail("patch " + std::to_string(reflectance.index / kBands) + " at " +
+             std::to_string(400 + 10 * (reflectance.index % kBands)) + " nm: " + reflectance.problem);
 }
 
 ZKCModelBuilder::~ZKCModelBuilder() = default;

@@ -174,7 +174,9 @@ struct KELMA_API ZKSBuiltModel {
 class KELMA_API ZKCModelBuilder {
 public:
     // Checks the chart (4, 6 or 7 inks, device values finite in [0, 100],
-    // spectra finite, 31 per patch) and keeps a copy.
+    // 31 spectral values per patch, each a reflectance factor as
+    // FindReflectanceProblem accepts: -0.1 to 2, so never NaN, huge or
+    // percent) and keeps a copy.
     explicit ZKCModelBuilder(const ZKSModelChart& chart);
     virtual ~ZKCModelBuilder();
 
