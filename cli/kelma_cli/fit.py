@@ -3,7 +3,7 @@ import numpy as np
 
 import kelma
 
-from .common import parse_grid, read_chart
+from .common import add_extrapolate_option, parse_grid, read_chart
 
 
 def register(sub):
@@ -12,11 +12,12 @@ def register(sub):
     p.add_argument("--grid", required=True, help="grid levels in percent, e.g. 0,40,100")
     p.add_argument("--method", choices=("refined", "classic"), default="refined")
     p.add_argument("--out", required=True, help="model file to write (.npz)")
+    add_extrapolate_option(p)
     p.set_defaults(run=run)
 
 
 def run(args):
-    chart = read_chart(args.chart, required=["spectra", "device"])
+    chart = read_chart(args.chart, required=["spectra", "device"], extrapolate=args.extrapolate)
     built = kelma.build_model(chart, parse_grid(args.grid), method=args.method)
     a = built.arrays
     np.savez(args.out, grid=a["grid"], ramps=a["ramps"], scheme=a["scheme"], n=a["n"])
