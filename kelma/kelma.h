@@ -26,6 +26,7 @@
 #include "kelma/clut/ZKCKELMA_SubModel_Dispatcher.h"
 #include "kelma/mex/ZKCMexGateway.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
+#include "kelma/measurement/SpectralPlausibility.h"
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"

@@ -5,7 +5,7 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, parse_grid, read_chart
+from .common import UserError, add_extrapolate_option, parse_grid, read_chart
 
 
 def register(sub):
@@ -23,6 +23,7 @@ def register(sub):
     p.add_argument("--fine-prior", default="auto",
                    help="weight of the fine-grid prior in patches per node, or auto (default: chosen from the chart)")
     p.add_argument("--out", required=True, help="model file to write (.npz)")
+    add_extrapolate_option(p)
     p.set_defaults(run=run)
 
 
@@ -52,7 +53,7 @@ def prior_argument(text, fine_base):
 
 
 def run(args):
-    chart = read_chart(args.chart, required=["spectra", "device"])
+    chart = read_chart(args.chart, required=["spectra", "device"], extrapolate=args.extrapolate)
     fine_base = parse_grid(args.fine_base) if args.fine_base else None
     built = kelma.build_model(
         chart, grid_argument(args.grid), method=args.method,

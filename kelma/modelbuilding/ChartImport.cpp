@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "kelma/common/InkLevels.h"
+#include "kelma/measurement/SpectralPlausibility.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/modelbuilding/ModelBuildingCommon.h"
 
@@ -47,10 +48,14 @@ std::vector<unsigned char> ChartDigitalLevels(const ZKSModelChart& chart) {
                      " is not a percentage in [0, 100]");
             levels[p * inks + i] = static_cast<unsigned char>(DigitalLevel(v));
         }
-        for (unsigned int w = 0; w < kBands; ++w)
-            if (!std::isfinite(chart.spectra[p * kBands + w]))
-                Fail("patch " + std::to_string(p) + " has a spectral value that is not a finite number");
     }
+    // Reflectance factors, as every reader of measured spectra requires: a
+    // huge value would overflow the fit's colorimetry (NaN fit error), percent
+    // would fit a model of the wrong print.
+    const ZKSValueProblem reflectance = FindReflectanceProblem(chart.spectra.data(), chart.spectra.size());
+    if (reflectance.found)
+        Fail("patch " + std::to_string(reflectance.index / kBands) + " at " +
+             std::to_string(400 + 10 * (reflectance.index % kBands)) + " nm: " + reflectance.problem);
     return levels;
 }
 

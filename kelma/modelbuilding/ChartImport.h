@@ -35,7 +35,9 @@ struct KELMA_API ZKSModelChart {
 KELMA_API ZKSModelChart ChartFromMeasurementFile(const ZKCMeasurementFile& file);
 
 // Checks a chart (4, 6 or 7 inks, names matching the ink count, device
-// values finite in [0, 100], spectra finite, 31 per patch) and returns the
+// values finite in [0, 100], 31 spectral values per patch, each a reflectance
+// factor as FindReflectanceProblem accepts: -0.1 to 2, so never NaN, huge or
+// percent) and returns the
 // digital level (DigitalLevel of the percentage) of every (patch, ink),
 // patch-major. Throws ZKCModelBuildingError naming the first problem.
 KELMA_API std::vector<unsigned char> ChartDigitalLevels(const ZKSModelChart& chart);

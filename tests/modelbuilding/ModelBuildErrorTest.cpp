@@ -78,9 +78,28 @@ TEST(ModelBuildErrors, ChartsThatAreNotModelCharts) {
     outside.deviceValues[4 * 5 + 2] = std::numeric_limits<double>::quiet_NaN();
     ExpectBuildError([&] { ZKCModelBuilder b(outside); }, {"patch 5", "not a percentage"});
 
-    ZKSModelChart nan = f.chart;
-    nan.spectra[31 * 7 + 3] = std::numeric_limits<double>::infinity();
-    ExpectBuildError([&] { ZKCModelBuilder b(nan); }, {"patch 7", "not a finite number"});
+    // Spectral values that are no reflectance factors, from a fuzzed chart
+    // (-1.9e166 fitted "successfully" with a NaN fit error) and from a
+    // chart in percent.
+    struct Spectral {
+        double value;
+        std::vector<std::string> words;
+    };
+    const Spectral spectral[] = {
+        {std::numeric_limits<double>::infinity(), {"patch 7 at 430 nm: inf is not a finite number"}},
+        {std::numeric_limits<double>::quiet_NaN(), {"patch 7 at 430 nm: nan is not a finite number"}},
+        {-1.88345e166, {"patch 7 at 430 nm: -1.88345e+166 is far outside the reflectance range 0-1"}},
+        {1e30, {"patch 7", "1e+30 is far outside the reflectance range 0-1"}},
+        {-0.5, {"patch 7", "-0.5 is far outside"}},
+    };
+    for (const Spectral& c : spectral) {
+        ZKSModelChart bad = f.chart;
+        bad.spectra[31 * 7 + 3] = c.value;
+        ExpectBuildError([&] { ZKCModelBuilder b(bad); }, c.words);
+    }
+    ZKSModelChart percent = f.chart;
+    for (double& v : percent.spectra) v *= 100.0;
+    ExpectBuildError([&] { ZKCModelBuilder b(percent); }, {"patch 0 at 400 nm", "look like percent, divide them by 100"});
 
     ZKSModelChart ragged = f.chart;
     ragged.spectra.pop_back();
