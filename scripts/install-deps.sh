@@ -8,7 +8,8 @@ PACKAGES=(
   cmake ninja-build g++ pkg-config
   libboost-thread-dev libboost-dev
   libgtest-dev libbenchmark-dev
-  liblcms2-dev
+  liblcms2-dev libeigen3-dev
+  clang libclang-rt-dev
   octave liboctave-dev
   python3-pybind11 python3-numpy python3-pytest python3-scipy python3-matplotlib
 )

@@ -45,25 +45,47 @@ class Step:
         return False
 
 
-def load_model(path):
-    """A kelma.Model (D50, 2 degree) from a .npz written by 'kelma fit', or the embedded one."""
+def load_model(path, illuminant="D50", observer=2):
+    """A kelma.Model under one illuminant and observer, from a .npz written by
+    'kelma fit', or the embedded press model when path is None."""
     if path is None:
-        return kelma.default_press_model()
+        return kelma.default_press_model(illuminant, observer)
     p = Path(path)
     if not p.is_file():
         raise UserError("model file %s does not exist" % p)
     try:
         with np.load(p) as data:
-            return kelma.Model(data["grid"], data["ramps"], data["scheme"], float(data["n"]))
+            return kelma.Model(data["grid"], data["ramps"], data["scheme"], float(data["n"]),
+                               illuminants=illuminant, observer=observer)
     except (KeyError, OSError, ValueError) as exc:
         raise UserError("%s is not a kelma model (.npz with grid, ramps, scheme, n): %s" % (p, exc))
 
 
-def read_chart(path, required="spectra"):
+def add_colorimetry_options(parser):
+    """--illuminant, --observer and --relative, as every colour output takes them."""
+    parser.add_argument("--illuminant", default="D50", type=str.upper,
+                        choices=("A", "D50", "D65", "E", "F1", "F2", "F11"),
+                        help="illuminant of the colorimetry (default D50)")
+    parser.add_argument("--observer", type=int, choices=(2, 10), default=2,
+                        help="CIE 1931 2 degree or CIE 1964 10 degree observer (default 2)")
+    parser.add_argument("--relative", choices=("illuminant", "paper"), default="illuminant",
+                        help="colours relative to the illuminant's white (default) or to the paper")
+
+
+def add_extrapolate_option(parser):
+    """--extrapolate, for every subcommand that reads a chart's spectra."""
+    parser.add_argument("--extrapolate", action="store_true",
+                        help="accept spectra that leave more than 10 nm of 400-700 nm uncovered, extrapolating "
+                             "them from their end intervals (refused otherwise)")
+
+
+def read_chart(path, required="spectra", extrapolate=False):
+    """A kelma.MeasurementFile; the reader refuses what is not a chart (a
+    directory, a device, implausible spectra) with a message naming it."""
     p = Path(path)
-    if not p.is_file():
+    if not p.exists():
         raise UserError("chart %s does not exist" % p)
-    return kelma.MeasurementFile(p, required=required)
+    return kelma.MeasurementFile(p, required=required, extrapolate=extrapolate)
 
 
 def parse_grid(text):

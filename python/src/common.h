@@ -61,6 +61,12 @@ CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* nam
 void CheckFinite(const float* p, std::size_t n, const char* name);
 void CheckFinite(const double* p, std::size_t n, const char* name);
 void CheckNotNaN(const double* p, std::size_t n, const char* name);
+// The library's plausibility rules (kelma/measurement/SpectralPlausibility.h)
+// on an argument, naming the first offending element as name[i, j, ...]:
+// every value within float32 range; reflectance factors (-0.1 to 2).
+void CheckFloatRange(const py::array_t<double>& a, const char* name);
+void CheckReflectance(const py::array_t<double>& a, const char* name);
+std::string IndexString(const py::array& a, const char* name, std::size_t flat);
 
 // Runs f(start, count) over [0, total) split as the library's drivers split
 // work (one share per processor, remainder on the last); small batches run on
@@ -83,6 +89,11 @@ auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
 // sequence of those, or a LightingMatrix) and an observer (2 or 10).
 kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
 
+// A chart argument: a kelma.MeasurementFile (its device channels are the
+// inks, in percent; spectra resampled linearly) or a tuple (device_values
+// (patches, N) in percent, spectra (patches, 31)). ink_names only with a tuple.
+kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& inkNames);
+
 // Registration of each part of the module.
 void RegisterColorimetry(py::module_& m);
 void RegisterModel(py::module_& m);
@@ -90,6 +101,7 @@ void RegisterPrediction(py::module_& m);
 void RegisterSampling(py::module_& m);
 void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
+void RegisterColour(py::module_& m);
 void RegisterSeparation(py::module_& m);
 
 }  // namespace kelma_py

@@ -39,43 +39,11 @@ std::shared_ptr<kelma::ZKCSSE_KELMA_Data> ModelOf(const kelma::ZKSPrinterModelAr
         arrays.Model(lm, static_cast<kelma::INK_SET>(inkSet), mediaRelative, absolute));
 }
 
-kelma::ZKSModelChart Chart(const py::object& chart, const py::object& inkNames) {
-    if (py::isinstance<kelma::ZKCMeasurementFile>(chart)) {
-        if (!inkNames.is_none()) ThrowValue("ink_names come from the measurement file's channel names");
-        const auto& file = chart.cast<const kelma::ZKCMeasurementFile&>();
-        py::gil_scoped_release release;
-        return kelma::ChartFromMeasurementFile(file);
-    }
-    if (!py::isinstance<py::tuple>(chart) || py::len(chart) != 2)
-        ThrowType("chart must be a MeasurementFile or a tuple (device_values, spectra)");
-    py::tuple t = chart.cast<py::tuple>();
-    auto device = AsNumeric<double>(t[0], "device_values", kFloat | kInteger);
-    auto spectra = AsNumeric<double>(t[1], "spectra", kFloat | kInteger);
-    if (device.ndim() != 2 || device.shape(0) < 1)
-        ThrowValue("device_values must be (patches, inks) in percent, got shape " + ShapeString(device));
-    const Shape want{device.shape(0), kValues};
-    if (Shape(spectra.shape(), spectra.shape() + spectra.ndim()) != want)
-        ThrowValue("spectra must be " + ShapeString(want) +
-                   ": one reflectance spectrum at 400-700 nm (10 nm) per patch, got " + ShapeString(spectra));
-    kelma::ZKSModelChart c;
-    c.numberOfInks = static_cast<unsigned>(device.shape(1));
-    c.deviceValues.assign(device.data(), device.data() + device.size());
-    c.spectra.assign(spectra.data(), spectra.data() + spectra.size());
-    if (!inkNames.is_none()) {
-        try {
-            c.inkNames = inkNames.cast<std::vector<std::string>>();
-        } catch (const py::cast_error&) {
-            ThrowType("ink_names must be a sequence of strings");
-        }
-    }
-    return c;
-}
-
 ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
                     const py::object& training, double fixedN, bool fitN, double nMin, double nMax,
                     bool estimateMissing, const py::object& coarse, unsigned maxIterations,
-                    const py::object& inkNames) {
-    kelma::ZKSModelChart chart = Chart(chartObj, inkNames);
+                    const py::object& inkNames, const py::object& fineBase, const py::object& finePrior) {
+    kelma::ZKSModelChart chart = ChartArgument(chartObj, inkNames);
     kelma::ZKSModelBuildOptions o;
     auto g = AsNumeric<double>(grid, "grid_percent", kFloat | kInteger);
     if (g.ndim() == 1)
@@ -114,6 +82,28 @@ ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const st
         o.coarseGridPercent.assign(c.data(), c.data() + c.size());
     }
     o.maxIterations = maxIterations;
+    if (!fineBase.is_none()) {
+        auto b = AsNumeric<double>(fineBase, "fine_base_grid_percent", kFloat | kInteger);
+        if (b.ndim() != 1)
+            ThrowValue("fine_base_grid_percent must be (G,) levels in percent for every ink, got shape " +
+                       ShapeString(b));
+        o.fineBaseGridPercent.assign(b.data(), b.data() + b.size());
+    }
+    if (py::isinstance<py::str>(finePrior)) {
+        if (finePrior.cast<std::string>() != "auto")
+            ThrowValue("fine_prior must be 'auto' or a positive number of patches per node, got '" +
+                       finePrior.cast<std::string>() + "'");
+    } else {
+        if (py::isinstance<py::bool_>(finePrior) ||
+            !(py::isinstance<py::float_>(finePrior) || py::isinstance<py::int_>(finePrior) ||
+              py::isinstance(finePrior, py::module_::import("numpy").attr("number"))))
+            ThrowType("fine_prior must be 'auto' or a positive number of patches per node");
+        const double w = finePrior.cast<double>();
+        if (!(w > 0.0 && std::isfinite(w)))
+            ThrowValue("fine_prior must be 'auto' or a positive number of patches per node, got " + std::to_string(w));
+        if (o.fineBaseGridPercent.empty()) ThrowValue("fine_prior needs fine_base_grid_percent (the fine-grid fit)");
+        o.finePriorWeight = w;
+    }
     py::gil_scoped_release release;
     kelma::ZKCModelBuilder builder(chart);
     return builder.Build(o);
@@ -169,6 +159,8 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
                                "dict count, mean, p95, max of training_delta_e.")
         .def_property_readonly("iterations", [](const ZKSBuiltModel& b) { return b.iterations; })
         .def_property_readonly("clamped_node_values", [](const ZKSBuiltModel& b) { return b.clampedNodeValues; })
+        .def_property_readonly("fine_prior", [](const ZKSBuiltModel& b) { return b.finePriorWeight; },
+                               "The fine-grid fit's prior weight in patches per node (0.0 for a direct fit).")
         .def(
             "model",
             [](const ZKSBuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
@@ -184,6 +176,7 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
           py::arg("fit_n") = true, py::arg("n_min") = 1.0, py::arg("n_max") = 10.0,
           py::arg("estimate_missing_nodes") = false, py::arg("coarse_grid_percent") = py::none(),
           py::arg("max_iterations") = 100u, py::arg("ink_names") = py::none(),
+          py::arg("fine_base_grid_percent") = py::none(), py::arg("fine_prior") = "auto",
           R"doc(Fits a cellular Yule-Nielsen modified spectral Neugebauer model to a chart.
 
 chart: a kelma.MeasurementFile (device channels are the inks, spectra
@@ -191,11 +184,19 @@ chart: a kelma.MeasurementFile (device channels are the inks, spectra
     0-100, spectra (patches, 31) reflectance at 400-700 nm); N is 4, 6 or 7.
 grid_percent: (G,) grid levels in percent for every ink, or (N, G) per ink;
     first 0, last 100; every grid node must be a measured patch unless
-    estimate_missing_nodes (from a classic model on coarse_grid_percent).
+    estimate_missing_nodes (from a classic model on coarse_grid_percent,
+    default [0, 100]; by the overprint rule where that grid is not coarser)
+    or the fine-grid fit is used.
 method: 'refined' (least-squares nodes, Levenberg-Marquardt on CIEDE2000)
     or 'classic' (measured nodes, ramps from single-ink patches).
 training_patches: patch indices to fit to (default all).
 fixed_n: > 0 to fix (classic) or start (refined) n; 0 searches [n_min, n_max].
+fine_base_grid_percent: (G,) levels of a base model: the model is fitted by
+    `method` on this grid, then the nodes of grid_percent are fitted by
+    regularised least squares toward its prediction, keeping its ramps and
+    n; only the base grid's nodes must be measured.
+fine_prior: the weight of that prior in patches per node (a positive
+    number), or 'auto' to choose it from the training patches alone.
 Returns a kelma.BuiltModel; problems raise kelma.ModelBuildingError (a
 ValueError) naming them.)doc");
 }

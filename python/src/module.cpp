@@ -53,5 +53,6 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterSampling(m);
     kelma_py::RegisterClut(m);
     kelma_py::RegisterModelBuilding(m);
+    kelma_py::RegisterColour(m);
     kelma_py::RegisterSeparation(m);
 }
