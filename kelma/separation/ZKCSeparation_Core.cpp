@@ -90,26 +90,14 @@ ZKCSeparation::Core::Core(const ZKCSSE_KELMA_Data& m, const ZKCUserParameter_Out
                                                                  static_cast<double>(totalLimit),
                                                                  static_cast<double>(blackLimit)));
 
-    // Device samples of every subset and the darkest colour among them.
-    double darkest = std::numeric_limits<double>::infinity();
-    ZKSSubsetPoint darkestPoint{};
-    unsigned int darkestSubset = 0;
-    for (std::size_t s = 0; s < subsets.size(); ++s) {
+    // Device samples of every subset.
+    for (std::size_t s = 0; s < subsets.size(); ++s)
         samples.push_back(std::make_shared<ZKCSeparation_Samples>(*subsets[s], kSampleLevels));
-        const ZKCSeparation_Samples& set = *samples.back();
-        for (std::size_t i = 0; i < set.Size(); ++i) {
-            if (set.Lab(i)[0] < darkest) {
-                darkest = set.Lab(i)[0];
-                darkestPoint = set.Point(i);
-                darkestSubset = static_cast<unsigned int>(s);
-            }
-        }
-    }
 
-    // Paper: all inks 0. Darkest colour: least L* inside the limits, by
-    // projected steepest descent from the darkest sample.
+    // Paper: all inks 0.
     const double zero[4] = {0, 0, 0, 0};
     subsets[0]->Lab(zero, paper, nullptr);
+
     // Hue of each ink's solid about the paper, and for each extra ink the
     // subset in which it replaces the base ink farthest from it in hue.
     inkHue.assign(inks, 0.0);
@@ -138,60 +126,49 @@ ZKCSeparation::Core::Core(const ZKCSSE_KELMA_Data& m, const ZKCUserParameter_Out
         const unsigned int code = (0x0Fu & ~(1u << replaced)) | (1u << e);
         naturalSubset.push_back(static_cast<std::size_t>(std::find(codes.begin(), codes.end(), code) - codes.begin()));
     }
-    {
-        const ZKCSeparation_Subset& sub = *subsets[darkestSubset];
-        ZKSSubsetPoint x = darkestPoint;
-        double lab[3], J[12];
-        sub.Lab(x.x, lab, J);
-        double step = 16.0;
-        for (int it = 0; it < 2000 && step > 1e-6; ++it) {
-            double norm = std::sqrt(J[0] * J[0] + J[1] * J[1] + J[2] * J[2] + J[3] * J[3]);
-            if (!(norm > 0.0)) break;
-            ZKSSubsetPoint y = x;
-            for (unsigned int j = 0; j < 4; ++j) y.x[j] -= step * J[j] / norm;
-            sub.Project(y.x, 0.0, blackLimit);
-            double labY[3], JY[12];
-            if (sub.Lab(y.x, labY, JY) && labY[0] < lab[0] - 1e-12) {
-                x = y;
-                std::copy(labY, labY + 3, lab);
-                std::copy(JY, JY + 12, J);
-                step *= 1.5;
-            } else {
-                step *= 0.5;
+
+    // Darkest colour: the least L* inside the limits, by projected steepest
+    // descent in each subset from its darkest sample (subsets whose darkest
+    // sample is 5 L* above the darkest found are skipped).
+    std::vector<std::size_t> order(subsets.size());
+    std::vector<double> sampleL(subsets.size(), std::numeric_limits<double>::infinity());
+    std::vector<std::size_t> sampleAt(subsets.size(), 0);
+    for (std::size_t s = 0; s < subsets.size(); ++s) {
+        order[s] = s;
+        for (std::size_t i = 0; i < samples[s]->Size(); ++i)
+            if (samples[s]->Lab(i)[0] < sampleL[s]) {
+                sampleL[s] = samples[s]->Lab(i)[0];
+                sampleAt[s] = i;
             }
-        }
-        // Other subsets may reach darker still: descend in each from its
-        // darkest sample and keep the least.
-        std::copy(lab, lab + 3, blackPoint);
-        for (std::size_t s = 0; s < subsets.size(); ++s) {
-            if (s == darkestSubset) continue;
-            const ZKCSeparation_Subset& other = *subsets[s];
-            const ZKCSeparation_Samples& set = *samples[s];
-            std::size_t best = 0;
-            for (std::size_t i = 1; i < set.Size(); ++i)
-                if (set.Lab(i)[0] < set.Lab(best)[0]) best = i;
-            if (set.Size() == 0 || set.Lab(best)[0] > blackPoint[0] + 5.0) continue;
-            ZKSSubsetPoint z = set.Point(best);
-            double lz[3], Jz[12];
-            other.Lab(z.x, lz, Jz);
-            double st = 16.0;
-            for (int it = 0; it < 2000 && st > 1e-6; ++it) {
-                double norm = std::sqrt(Jz[0] * Jz[0] + Jz[1] * Jz[1] + Jz[2] * Jz[2] + Jz[3] * Jz[3]);
-                if (!(norm > 0.0)) break;
-                ZKSSubsetPoint y = z;
-                for (unsigned int j = 0; j < 4; ++j) y.x[j] -= st * Jz[j] / norm;
-                other.Project(y.x, 0.0, blackLimit);
-                double ly[3], Jy[12];
-                if (other.Lab(y.x, ly, Jy) && ly[0] < lz[0] - 1e-12) {
-                    z = y;
-                    std::copy(ly, ly + 3, lz);
-                    std::copy(Jy, Jy + 12, Jz);
-                    st *= 1.5;
-                } else {
-                    st *= 0.5;
-                }
-            }
-            if (lz[0] < blackPoint[0]) std::copy(lz, lz + 3, blackPoint);
+    }
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return sampleL[a] < sampleL[b]; });
+    blackPoint[0] = std::numeric_limits<double>::infinity();
+    for (std::size_t s : order) {
+        if (samples[s]->Size() == 0 || sampleL[s] > blackPoint[0] + 5.0) continue;
+        double lab[3];
+        Darkest(*subsets[s], samples[s]->Point(sampleAt[s]), lab);
+        if (lab[0] < blackPoint[0]) std::copy(lab, lab + 3, blackPoint);
+    }
+}
+
+void ZKCSeparation::Core::Darkest(const ZKCSeparation_Subset& sub, ZKSSubsetPoint x, double* lab) const {
+    double J[12];
+    sub.Lab(x.x, lab, J);
+    double step = 16.0;
+    for (int it = 0; it < 2000 && step > 1e-6; ++it) {
+        const double norm = std::sqrt(J[0] * J[0] + J[1] * J[1] + J[2] * J[2] + J[3] * J[3]);
+        if (!(norm > 0.0)) break;
+        ZKSSubsetPoint y = x;
+        for (unsigned int j = 0; j < 4; ++j) y.x[j] -= step * J[j] / norm;
+        sub.Project(y.x, 0.0, blackLimit);
+        double labY[3], JY[12];
+        if (sub.Lab(y.x, labY, JY) && labY[0] < lab[0] - 1e-12) {
+            x = y;
+            std::copy(labY, labY + 3, lab);
+            std::copy(JY, JY + 12, J);
+            step *= 1.5;
+        } else {
+            step *= 0.5;
         }
     }
 }

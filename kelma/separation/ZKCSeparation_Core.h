@@ -73,6 +73,9 @@ struct ZKCSeparation::Core {
                      const std::vector<unsigned int>& candidateCount) const;
 
     double BlackAmount(double kMin, double kMax, double lightness) const;
+    // The colour of least L* reached from x in the subset (projected
+    // steepest descent of L*).
+    void Darkest(const ZKCSeparation_Subset& sub, ZKSSubsetPoint x, double* lab) const;
     // The subsets in the order they are tried for colour t; returns their count.
     std::size_t SubsetOrder(const double* t, std::size_t* order) const;
     void Anchor(double lightness, double* anchor) const;
