@@ -78,11 +78,14 @@
 //    hue direction. It keeps T's lightness, lies on the gamut boundary and
 //    is in gamut.
 //  - s* is bracketed to 0.01: M is in gamut and a point at most 0.01 farther
-//    along the ray was found out of gamut. The search starts from the
-//    anchor's side and the target's side of the ray, and assumes (as holds
-//    for the press models) that the gamut's constant-lightness sections are
+//    along the ray was found out of gamut. A colour close to the gamut
+//    (within 2.56 of it) is first stepped back from along the ray (by 0.01,
+//    0.04, ... 2.56), so that the crossing found is the one next to it; the
+//    bracket then closes between the anchor's side and the target's. The
+//    search assumes that the gamut's constant-lightness sections are
 //    star-shaped about the grey axis, so that the crossing it brackets is the
-//    last one.
+//    last one; where the total limit folds a dark section, the crossing next
+//    to the colour is taken.
 //  In media-relative colour the paper is L* 100, a* = b* = 0.
 //
 // Bytes: the continuous solution x is turned into bytes by predicting, with

@@ -337,9 +337,15 @@ void ZKCSeparation::Core::Map(const double* t, const Reach& outside, Context& ct
         }
         return in;
     };
+    // A colour just outside the gamut (a small residual): step back from it
+    // along the ray first, so that the crossing found is the one next to it.
+    if (outside.found && outside.residual < 2.56 && A[0] == t[0]) {
+        for (double back = tol; back < 2.56 + tol && hi - back > lo; back *= 4.0)
+            if (test(hi - back)) break;
+    }
     // Start just outside the neighbour's boundary: an outside point close to
     // the boundary tells where the ray crosses it.
-    if (ctx.hasRay) {
+    if (ctx.hasRay && !(lo > 0.0)) {
         const double guess = ctx.lastS + 0.5;
         if (guess < hi - tol) {
             if (test(guess))

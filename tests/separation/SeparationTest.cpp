@@ -367,6 +367,23 @@ TEST(Separation, GamutMappingMethodZero) {
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(m[c], P[c], 1e-9);
     sep.GamutMap(dark, 1, m);
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(m[c], B[c], 1e-9);
+    // A colour just outside maps next to itself (the crossing nearest it),
+    // also where the gamut is dark and folded by the total limit.
+    const ZKCSSE_KELMA_Data& seven = SevenInkModel();
+    const unsigned char edges[][7] = {{153, 0, 153, 255, 0, 204, 0}, {255, 255, 0, 255, 0, 0, 0}, {0, 255, 255, 0, 0, 0, 0}};
+    for (const auto& e : edges) {
+        double lab[3];
+        PredictColorimetry(seven, 1, e, 0, true, nullptr, lab);
+        const double Ls = (P[0] - lab[0]) / (P[0] - Seven().BlackPointCIELAB()[0]);
+        const double* B7 = Seven().BlackPointCIELAB();
+        const double A7[2] = {Ls * B7[1], Ls * B7[2]};
+        const double d[2] = {lab[1] - A7[0], lab[2] - A7[1]};
+        const double len = std::hypot(d[0], d[1]);
+        const double out[3] = {lab[0], lab[1] + 0.05 * d[0] / len, lab[2] + 0.05 * d[1] / len};
+        double mappedOut[3];
+        Seven().GamutMap(out, 1, mappedOut);
+        EXPECT_LT(std::hypot(mappedOut[1] - lab[1], mappedOut[2] - lab[2]), 0.1) << int(e[0]) << " " << int(e[1]);
+    }
     // The batch call reproduces the mapped colour.
     ZKSSeparationResult r;
     sep.Analyse(&targets[0], 1, &r);
