@@ -18,8 +18,9 @@ double Distance(const double* a, const double* b) {
     return std::sqrt(d0 * d0 + d1 * d1 + d2 * d2);
 }
 
-// Along a mapping ray, a subset whose gamut was this much farther from an
-// earlier point than the new point is is not searched.
+// A subset whose gamut was found farther from an earlier colour than the new
+// colour is from that one, by more than this margin, cannot reach the new
+// colour (triangle inequality) and is not searched.
 constexpr double kSeparationSkipMargin = 1.0;
 
 constexpr double kPi = 3.14159265358979323846;
@@ -63,9 +64,10 @@ std::vector<unsigned int> SubsetCodesFor(unsigned int inks) {
     return codes;
 }
 
+// floor(255 x percent / 100) in integers (percentages beyond 10^6 cap there).
 unsigned int LimitBytes(unsigned long percent) {
-    const unsigned long long bytes = 255ull * percent / 100ull;
-    return static_cast<unsigned int>(std::min<unsigned long long>(bytes, 0xFFFFFFFFull));
+    const unsigned long long p = std::min<unsigned long long>(percent, 1000000ull);
+    return static_cast<unsigned int>(255ull * p / 100ull);
 }
 
 }  // namespace
