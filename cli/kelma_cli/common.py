@@ -4,11 +4,10 @@ import threading
 import time
 from pathlib import Path
 
-import numpy as np
-
 import kelma
 
-# The repository's data folder (the real chart of the main job).
+# The checkout this package sits in, if any (its data folder holds the real
+# chart of the main job); an installed package has none.
 ROOT = Path(__file__).resolve().parents[2]
 
 
@@ -46,17 +45,17 @@ class Step:
 
 
 def load_model(path):
-    """A kelma.Model (D50, 2 degree) from a .npz written by 'kelma fit', or the embedded one."""
+    """The kelma.Model of a model file (as 'kelma fit' writes it), or the embedded one."""
     if path is None:
         return kelma.default_press_model()
     p = Path(path)
     if not p.is_file():
         raise UserError("model file %s does not exist" % p)
     try:
-        with np.load(p) as data:
-            return kelma.Model(data["grid"], data["ramps"], data["scheme"], float(data["n"]))
-    except (KeyError, OSError, ValueError) as exc:
-        raise UserError("%s is not a kelma model (.npz with grid, ramps, scheme, n): %s" % (p, exc))
+        return kelma.load_model(p)
+    except kelma.ModelFileError as exc:
+        # The library's text names the file and what is wrong with it.
+        raise UserError(str(exc))
 
 
 def read_chart(path, required="spectra"):

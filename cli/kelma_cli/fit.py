@@ -1,5 +1,5 @@
 """kelma fit: build a model from a measured chart."""
-import numpy as np
+from pathlib import Path
 
 import kelma
 
@@ -11,15 +11,15 @@ def register(sub):
     p.add_argument("chart")
     p.add_argument("--grid", required=True, help="grid levels in percent, e.g. 0,40,100")
     p.add_argument("--method", choices=("refined", "classic"), default="refined")
-    p.add_argument("--out", required=True, help="model file to write (.npz)")
+    p.add_argument("--out", required=True, help="model file to write (exactly this name; e.g. press.kelma)")
     p.set_defaults(run=run)
 
 
 def run(args):
     chart = read_chart(args.chart, required=["spectra", "device"])
     built = kelma.build_model(chart, parse_grid(args.grid), method=args.method)
-    a = built.arrays
-    np.savez(args.out, grid=a["grid"], ramps=a["ramps"], scheme=a["scheme"], n=a["n"])
+    # The library writes it beside the target and renames it when complete.
+    built.save(args.out, chart=Path(args.chart).name)
     e = built.fit_error
     print("fitted %s model: n = %.4f, training CIEDE2000 mean %.3f, p95 %.3f, max %.3f (%d patches) -> %s"
           % (args.method, built.n, e["mean"], e["p95"], e["max"], e["count"], args.out))

@@ -12,7 +12,7 @@ from .common import UserError, load_model
 def register(sub):
     p = sub.add_parser("predict", help="predict ink combinations read from a CSV file")
     p.add_argument("inks", help="CSV with one sample per line, one column per ink (percent 0-100)")
-    p.add_argument("--model", help="model .npz from 'kelma fit' (default: the embedded press model)")
+    p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
     p.add_argument("--output", choices=("lab", "spectra", "lab2000hl"), default="lab")
     p.add_argument("--digital", action="store_true", help="ink values are 0-255 digital levels")
     p.add_argument("--whitespace", action="store_true", help="columns separated by white space")

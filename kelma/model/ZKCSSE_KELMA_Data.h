@@ -33,6 +33,8 @@ struct ZKSSSE_EffectiveRampEntry {
 // prediction kernel (1, 2 or 3 inks) therefore throws "DefaultCase" while
 // being built, and a 5-ink model builds (its paper is predicted on its
 // 4-ink sub-model) but cannot be predicted.
+struct ZKSModelFile;
+
 class KELMA_API ZKCSSE_KELMA_Data {
 public:
     ZKCSSE_KELMA_Data(unsigned int numberOfInks, unsigned int numberOfGridPoints, const float* gridPoints,
@@ -71,6 +73,10 @@ public:
     void ReduceToSingleIlluminant(unsigned long illuminantIndex);
 
 private:
+    // The model file rebuilds a model whose lookup table came from float64
+    // ramps (kept in the file) and compares a table with the float32 one.
+    friend struct ZKSModelFile;
+
     // A model object is never assigned.
     ZKCSSE_KELMA_Data& operator=(const ZKCSSE_KELMA_Data&) { return *this; }
 
