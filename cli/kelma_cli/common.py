@@ -44,18 +44,32 @@ class Step:
         return False
 
 
-def load_model(path):
-    """The kelma.Model of a model file (as 'kelma fit' writes it), or the embedded one."""
+def load_model(path, illuminant="D50", observer=2):
+    """A kelma.Model under one illuminant and observer: from a model file (as
+    'kelma fit' writes it; its arrays and lookup table kept exactly), or the
+    embedded press model when path is None."""
     if path is None:
-        return kelma.default_press_model()
+        return kelma.default_press_model(illuminant, observer)
     p = Path(path)
     if not p.is_file():
         raise UserError("model file %s does not exist" % p)
     try:
-        return kelma.load_model(p)
+        model = kelma.load_model(p)
     except kelma.ModelFileError as exc:
         # The library's text names the file and what is wrong with it.
         raise UserError(str(exc))
+    return model.with_illuminants(illuminant, observer)
+
+
+def add_colorimetry_options(parser):
+    """--illuminant, --observer and --relative, as every colour output takes them."""
+    parser.add_argument("--illuminant", default="D50", type=str.upper,
+                        choices=("A", "D50", "D65", "E", "F1", "F2", "F11"),
+                        help="illuminant of the colorimetry (default D50)")
+    parser.add_argument("--observer", type=int, choices=(2, 10), default=2,
+                        help="CIE 1931 2 degree or CIE 1964 10 degree observer (default 2)")
+    parser.add_argument("--relative", choices=("illuminant", "paper"), default="illuminant",
+                        help="colours relative to the illuminant's white (default) or to the paper")
 
 
 def read_chart(path, required="spectra"):

@@ -5,7 +5,6 @@ import numpy as np
 
 import kelma
 
-from .colour import chart_split, delta_e_2000, digital, lab_from_xyz, stats
 from .common import ROOT, Step, UserError, read_chart
 from .proof import proof_clut, save_png
 
@@ -43,37 +42,34 @@ def run(args):
     with Step("loading the embedded press model and the APTEC PC10 chart"):
         model = kelma.default_press_model()
         chart = read_chart(chart_path, required=["spectra", "device"])
-        percent = chart.device_values
+        levels = kelma.digital_levels(chart.device_values)
         measured = chart.resample("linear")
-        matrix = kelma.LightingMatrix("D50", 2)
-        white = matrix.white_point[0]
-        lab_measured = lab_from_xyz(matrix.xyz(measured)[:, 0, :], white)
         print("   model: %d inks, %d grid points per ink, n = %.3f; chart: %d patches"
               % (model.inks, model.grid.shape[1], model.n, chart.patch_count))
 
     with Step("predicting the chart's %d patches" % chart.patch_count):
-        predicted = kelma.predict_spectra(model, digital(percent))
-        de_all = delta_e_2000(lab_measured, lab_from_xyz(matrix.xyz(predicted)[:, 0, :], white))
+        predicted = kelma.predict_spectra(model, levels)
+        embedded = kelma.evaluate_model(model, chart)
+        de_all = embedded["delta_e"]
 
     with Step("honest two-fold check: refitting on grid patches + half, testing the other half"):
-        grid_idx, halves = chart_split(percent)
-        held_out = np.full(len(percent), np.nan)
-        for k in range(2):
-            built = kelma.build_model(chart, [0, 40, 100], training_patches=np.concatenate([grid_idx, halves[k]]))
-            test = halves[1 - k]
-            spectra = kelma.predict_spectra(built.model(), digital(percent[test]))
-            held_out[test] = delta_e_2000(lab_measured[test], lab_from_xyz(matrix.xyz(spectra)[:, 0, :], white))
+        grid_patches, half0, half1 = kelma.validation_split(chart, [0, 40, 100])
+        held_out = np.full(chart.patch_count, np.nan)
+        for train, test in ((half0, half1), (half1, half0)):
+            built = kelma.build_model(chart, [0, 40, 100], training_patches=np.concatenate([grid_patches, train]))
+            held_out[test] = kelma.evaluate_model(built.model(), chart, patches=test)["delta_e"]
 
-    k_zero = percent[:, 3] == 0
+    tested = ~np.isnan(held_out)
+    k_zero = levels[:, 3] == 0
     print("\nCIEDE2000 (D50 / 2 deg), measured against predicted spectra")
-    print("%-34s %6s %7s %7s %7s" % ("", "count", "mean", "p95", "max"))
+    print("%-34s %6s %7s %7s %7s %7s" % ("", "count", "mean", "median", "p95", "max"))
     for label, values in [("embedded model, all patches", de_all),
                           ("  K = 0", de_all[k_zero]), ("  K > 0", de_all[~k_zero]),
-                          ("held out (two folds), all", held_out[~np.isnan(held_out)]),
-                          ("  K = 0", held_out[k_zero & ~np.isnan(held_out)]),
-                          ("  K > 0", held_out[~k_zero & ~np.isnan(held_out)])]:
-        m, p, x = stats(values)
-        print("%-34s %6d %7.3f %7.3f %7.3f" % (label, len(values), m, p, x))
+                          ("held out (two folds), all", held_out[tested]),
+                          ("  K = 0", held_out[tested & k_zero]),
+                          ("  K > 0", held_out[tested & ~k_zero])]:
+        s = kelma.statistics(values)
+        print("%-34s %6d %7.3f %7.3f %7.3f %7.3f" % (label, s["count"], s["mean"], s["median"], s["p95"], s["max"]))
     print()
 
     with Step("plotting measured against predicted spectra"):
@@ -85,7 +81,7 @@ def run(args):
         fig, ax = plt.subplots(figsize=(9, 5.5), dpi=110)
         nm = np.arange(400, 701, 10)
         for j, recipe in enumerate(wanted):
-            hits = np.flatnonzero(np.all(percent == recipe, axis=1))
+            hits = np.flatnonzero(np.all(chart.device_values == recipe, axis=1))
             if hits.size == 0:
                 continue
             i = hits[0]

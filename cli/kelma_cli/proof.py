@@ -5,8 +5,23 @@ import numpy as np
 
 import kelma
 
-from .colour import srgb_bytes
 from .common import UserError, load_model
+
+
+# The display side of the proof (sRGB, D65, Bradford adaptation).
+_BRADFORD = np.array([[0.8951, 0.2664, -0.1614], [-0.7502, 1.7135, 0.0367], [0.0389, -0.0685, 1.0296]])
+_D65 = np.array([0.95047, 1.0, 1.08883])
+_XYZ_TO_SRGB = np.array([[3.2404542, -1.5371385, -0.4985314], [-0.9692660, 1.8760108, 0.0415560],
+                         [0.0556434, -0.2040259, 1.0572252]])
+
+
+def srgb_bytes(xyz, white):
+    """sRGB bytes of XYZ seen under `white`, adapted to D65 (Bradford), clipped."""
+    src, dst = _BRADFORD @ np.asarray(white, dtype=np.float64), _BRADFORD @ _D65
+    adapt = np.linalg.inv(_BRADFORD) @ np.diag(dst / src) @ _BRADFORD
+    rgb = np.clip(np.asarray(xyz, dtype=np.float64) @ (_XYZ_TO_SRGB @ adapt).T, 0.0, 1.0)
+    rgb = np.where(rgb <= 0.0031308, 12.92 * rgb, 1.055 * rgb ** (1 / 2.4) - 0.055)
+    return np.floor(rgb * 255.0 + 0.5).astype(np.uint8)
 
 
 def register(sub):

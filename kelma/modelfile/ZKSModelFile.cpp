@@ -13,10 +13,12 @@
 #include <sstream>
 #include <string_view>
 
+#include "kelma/colorimetry/StandardIlluminants.h"
 #include "kelma/colorimetry/ZKCIlluminant.h"
 #include "kelma/colorimetry/ZKCObserver.h"
 #include "kelma/common/AtomicFile.h"
 #include "kelma/common/Version.h"
+#include "kelma/model/ModelValidation.h"
 #include "kelma/modelbuilding/DefaultPressModelData.h"
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
@@ -37,16 +39,11 @@ constexpr std::size_t kBands = kSpectralValues;
 constexpr std::size_t kWeightsPerIlluminant = 3 * kSpectralValues;
 const char* const kMagic = "kelma-model";
 
-const char* const kIlluminantNames[] = {"A", "D50", "D65", "E", "F1", "F2", "F11"};
-
+// The library's standard illuminants, under their canonical names only (a
+// file names them exactly as it was written).
 std::unique_ptr<ZKCIlluminant_Base> NamedIlluminant(const std::string& name) {
-    if (name == "A") return std::make_unique<ZKCIlluminant_CIEA>();
-    if (name == "D50") return std::make_unique<ZKCIlluminant_CIED50>();
-    if (name == "D65") return std::make_unique<ZKCIlluminant_CIED65>();
-    if (name == "E") return std::make_unique<ZKCIlluminant_CIEE>();
-    if (name == "F1") return std::make_unique<ZKCIlluminant_CIEF1>();
-    if (name == "F2") return std::make_unique<ZKCIlluminant_CIEF2>();
-    if (name == "F11") return std::make_unique<ZKCIlluminant_CIEF11>();
+    for (const std::string& known : StandardIlluminantNames())
+        if (known == name) return MakeStandardIlluminant(name);
     return nullptr;
 }
 
@@ -585,26 +582,16 @@ void ZKSModelFile::Check() const {
     }
 
     CheckValues(gridPoints, std::size_t{N} * G, "grid_levels", precision);
-    for (unsigned int i = 0; i < N; ++i) {
-        const double* row = gridPoints.data() + std::size_t{i} * G;
-        for (unsigned int g = 0; g < G; ++g) {
-            if (row[g] != std::floor(row[g]))
-                Invalid("grid_levels: ink " + Ordinal(i) + " has level " + std::to_string(row[g]) +
-                        ", levels are whole numbers");
-            if (g > 0 && !(row[g] > row[g - 1]))
-                Invalid("grid_levels: the levels of ink " + Ordinal(i) + " must be strictly ascending (" +
-                        std::to_string(static_cast<long long>(row[g - 1])) + " then " +
-                        std::to_string(static_cast<long long>(row[g])) + ")");
-        }
-        if (row[0] != 0.0 || row[G - 1] != 255.0)
-            Invalid("grid_levels: the levels of ink " + Ordinal(i) + " must run from 0 to 255, they run " +
-                    std::to_string(static_cast<long long>(row[0])) + ".." +
-                    std::to_string(static_cast<long long>(row[G - 1])));
-    }
     CheckValues(effectiveRamps, std::size_t{N} * 256, "effective_ramps", precision);
     CheckValues(matrixScheme, static_cast<std::size_t>(coefficients), "matrix_scheme", precision);
     CheckValues(std::vector<double>{n}, 1, "n", precision);
-    if (!(static_cast<float>(n) > 0.0f)) Invalid("n: the Yule-Nielsen exponent must be > 0, got " + std::to_string(n));
+    // The model itself, as every front end checks a model's arrays: the
+    // float32 values it is built from.
+    const std::vector<float> gridF(gridPoints.begin(), gridPoints.end()),
+        rampsF(effectiveRamps.begin(), effectiveRamps.end()), schemeF(matrixScheme.begin(), matrixScheme.end());
+    const std::string problem = CheckModelArrays(N, G, gridF.data(), rampsF.data(), schemeF.data(), schemeF.size(),
+                                                 static_cast<float>(n));
+    if (!problem.empty()) Invalid("model arrays: " + problem);
 
     if (!rampWeights.empty()) {
         if (rampWeights.size() != std::size_t{N} * 256)
@@ -860,39 +847,23 @@ ZKSModelFile ZKSModelFile::Describe(const ZKCSSE_KELMA_Data& model) {
     if (!same)
         for (const ZKSSSE_EffectiveRampEntry& e : own) f.rampWeights.push_back(e.weight);
 
-    // Colorimetry: each block is a library illuminant under one observer, or raw weights.
+    // Colorimetry: each block is a standard illuminant under one observer
+    // (the one most blocks were built with), or raw weights.
     const ZKCLighting_Matrix& lm = model.Lighting_Matrix();
     const unsigned int L = lm.IlluminantNumber();
-    struct Candidate {
-        unsigned int observer;
-        const char* name;
-        ZKCLighting_Matrix matrix;
-    };
-    std::vector<Candidate> candidates;
-    for (unsigned int obs : {unsigned(OBSERVER_CIE1931_2), unsigned(OBSERVER_CIE1964_10)})
-        for (const char* name : kIlluminantNames) {
-            std::unique_ptr<ZKCIlluminant_Base> il = NamedIlluminant(name);
-            candidates.push_back({obs, name, ZKCLighting_Matrix(ZKCObserver(static_cast<OBSERVER_TYPE>(obs)), il.get())});
-        }
-    auto match = [&](unsigned int block, unsigned int obs) -> const char* {
-        for (const Candidate& c : candidates)
-            if (c.observer == obs && SameBits(c.matrix.Weights(), lm.Weights() + std::size_t{block} * kLightingBlock,
-                                              kLightingBlock * sizeof(float)))
-                return c.name;
-        return nullptr;
-    };
-    unsigned int best = 0, bestCount = 0;
-    for (unsigned int obs : {unsigned(OBSERVER_CIE1931_2), unsigned(OBSERVER_CIE1964_10)}) {
-        unsigned int count = 0;
-        for (unsigned int b = 0; b < L; ++b) count += match(b, obs) != nullptr;
-        if (count > bestCount) best = obs, bestCount = count;
+    unsigned int counts[2] = {0, 0};
+    for (unsigned int b = 0; b < L; ++b) {
+        const unsigned int obs = StandardIlluminantObserver(lm, b);
+        if (obs == OBSERVER_CIE1931_2) ++counts[0];
+        if (obs == OBSERVER_CIE1964_10) ++counts[1];
     }
-    f.observer = best;
+    f.observer = counts[0] == 0 && counts[1] == 0 ? 0
+                 : counts[1] > counts[0]          ? unsigned(OBSERVER_CIE1964_10)
+                                                  : unsigned(OBSERVER_CIE1931_2);
     for (unsigned int b = 0; b < L; ++b) {
         ZKSModelIlluminant il;
-        const char* name = best != 0 ? match(b, best) : nullptr;
-        if (name != nullptr) {
-            il.name = name;
+        if (f.observer != 0 && StandardIlluminantObserver(lm, b) == f.observer) {
+            il.name = StandardIlluminantName(lm, b);
         } else {
             il.name = "weights";
             const float* block = lm.Weights() + std::size_t{b} * kLightingBlock;

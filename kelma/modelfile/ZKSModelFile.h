@@ -150,8 +150,10 @@ struct KELMA_API ZKSModelFile {
     void Write(const std::string& path) const;
 
     // Throws ZKCModelFileError "<what>: <problem>" for content that no model
-    // file may hold: ink count, grid, array sizes, non-finite or (float32)
-    // inexact values, n, names, observer, illuminants, provenance text.
+    // file may hold: ink count, array sizes, non-finite or (float32) inexact
+    // values, a model that CheckModelArrays refuses (grid, ramps, n, corner
+    // sums: "model arrays: ..."), names, lookup weights, observer,
+    // illuminants, provenance text.
     void Check() const;
 
     ZKCLighting_Matrix LightingMatrix() const;

@@ -346,6 +346,27 @@ ModelFileError (a ValueError) names the file and what is wrong with it.)doc");
             py::arg("fit_error") = py::none(), py::arg("software") = py::none(),
             R"doc(Writes the model as a kelma model file at exactly `path` (atomically):
 ModelFile(self, ...).write(path). kelma.load_model(path) == self.)doc")
+        .def(
+            "with_illuminants",
+            [](const kelma::ZKCSSE_KELMA_Data& d, const py::object& illuminants, const py::object& observer) {
+                const kelma::ZKCLighting_Matrix lm = MakeLightingMatrix(illuminants, observer);
+                ZKSModelFile f = Described(d);
+                f.observer = 0;
+                f.illuminants.clear();
+                for (unsigned b = 0; b < lm.IlluminantNumber(); ++b) {
+                    ZKSModelIlluminant il{"weights", {}, {}};
+                    const float* block = lm.Weights() + std::size_t{b} * kelma::kLightingBlock;
+                    for (std::size_t row = 0; row < 3; ++row)
+                        il.weights.insert(il.weights.end(), block + row * kelma::kSpectrumStride,
+                                          block + row * kelma::kSpectrumStride + kValues);
+                    f.illuminants.push_back(std::move(il));
+                }
+                return BuildModel(f);
+            },
+            py::arg("illuminants") = "D50", py::arg("observer") = py::none(),
+            R"doc(A copy whose colorimetric output is computed under other illuminants and
+observer (as for Model); the arrays, n, lookup table, ink set and flags are kept
+bit for bit, the media white point is that of the new illuminants.)doc")
         .def(py::pickle([](const kelma::ZKCSSE_KELMA_Data& d) { return State(Described(d)); },
                         [](const py::tuple& t) { return BuildModel(FromState(t)); }))
         .def("__copy__", [](const kelma::ZKCSSE_KELMA_Data& d) { return std::make_shared<kelma::ZKCSSE_KELMA_Data>(d); })

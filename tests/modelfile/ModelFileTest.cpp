@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -98,6 +99,20 @@ ZKSModelFile SmallFile() {
     return f;
 }
 
+// Raises each block's constant coefficient (corner 0) so that every corner
+// sum is positive, whatever the other coefficients: a valid model holding
+// arbitrary values. float32: the raised value is a float.
+void MakeCornerSumsPositive(std::vector<double>& scheme, unsigned int inks, bool float32) {
+    const std::size_t corners = std::size_t{1} << inks;
+    for (std::size_t b = 0; b < scheme.size(); b += corners) {
+        double others = 0.0;
+        for (std::size_t k = 1; k < corners; ++k) others += std::fabs(scheme[b + k]);
+        double c0 = std::max(scheme[b], 2.0 * others + 1.0);
+        if (float32) c0 = std::nextafter(static_cast<float>(c0), std::numeric_limits<float>::infinity());
+        scheme[b] = c0;
+    }
+}
+
 std::vector<float> Predict(const ZKCSSE_KELMA_Data& model, const std::vector<unsigned char>& inks) {
     const unsigned int count = static_cast<unsigned int>(inks.size() / model.NumberOfInks());
     AlignedBuffer<float> out(std::size_t{count} * kSpectrumStride);
@@ -134,19 +149,23 @@ std::string ErrorOf(const std::function<void()>& f) {
 
 TEST(ModelFile, Float32ValuesRoundTripBitForBit) {
     ZKSModelFile f = SmallFile();
-    // Awkward float32 values: the smallest subnormal, the largest finite,
-    // -0, 0.1f, 1/3, values whose shortest form needs 9 digits.
-    const float specials[] = {std::numeric_limits<float>::denorm_min(), std::numeric_limits<float>::max(),
-                              -0.0f, 0.1f, 1.0f / 3.0f, 16777217.0f, -1.17549435e-38f, 3.4028233e38f,
-                              8.589973e9f, 1.0000001f, 0.99999994f};
+    // Awkward float32 values: the smallest subnormal, -0, 0.1f, 1/3, values
+    // whose shortest form needs 9 digits, random bit patterns; the largest
+    // finite float as a constant coefficient (the others small beside it).
+    const float specials[] = {std::numeric_limits<float>::denorm_min(), -0.0f, 0.1f, 1.0f / 3.0f, 16777217.0f,
+                              -1.17549435e-38f, 8.589973e9f, 1.0000001f, 0.99999994f, -3.4028233e30f};
     std::mt19937 rng(5);
     for (std::size_t k = 0; k < f.matrixScheme.size(); ++k) {
         std::uint32_t bits = rng();
         float v;
         std::memcpy(&v, &bits, 4);
-        if (!std::isfinite(v)) v = 1.5f;
-        f.matrixScheme[k] = k < std::size(specials) ? specials[k] : v;
+        if (!std::isfinite(v) || std::fabs(v) > 1e30f) v = 1.5f;
+        f.matrixScheme[k] = k >= 1 && k <= std::size(specials) ? specials[k - 1] : v;
     }
+    MakeCornerSumsPositive(f.matrixScheme, 4, true);
+    const std::size_t lastBlock = f.matrixScheme.size() - 16;
+    f.matrixScheme[lastBlock] = std::numeric_limits<float>::max();
+    for (std::size_t k = 1; k < 16; ++k) f.matrixScheme[lastBlock + k] = std::ldexp(1.0, -120 - int(k));
     const std::string text = f.Format();
     const ZKSModelFile back = ZKSModelFile::Parse(text, "<memory>");
     EXPECT_TRUE(SameDoubles(back.matrixScheme, f.matrixScheme));
@@ -155,6 +174,8 @@ TEST(ModelFile, Float32ValuesRoundTripBitForBit) {
     EXPECT_EQ(std::memcmp(&back.n, &f.n, sizeof(double)), 0);
     EXPECT_EQ(back.Format(), text);
     EXPECT_EQ(std::signbit(back.matrixScheme[2]), true);
+    EXPECT_EQ(back.matrixScheme[1], std::numeric_limits<float>::denorm_min());
+    EXPECT_EQ(back.matrixScheme[back.matrixScheme.size() - 16], std::numeric_limits<float>::max());
     // Shortest forms: 0.1f is written "0.1", not its 17-digit double.
     EXPECT_NE(text.find(" 0.1 "), std::string::npos);
 }
@@ -164,9 +185,10 @@ TEST(ModelFile, Float64ValuesRoundTripBitForBit) {
     f.precision = MODELFILE_FLOAT64;
     std::mt19937_64 rng(9);
     std::uniform_real_distribution<double> u(-4.0, 4.0);
-    for (double& v : f.matrixScheme) v = u(rng) * std::pow(10.0, static_cast<int>(rng() % 60) - 40);
-    f.matrixScheme[0] = 5e-324;  // float32 rounding 0: still a finite float
-    f.matrixScheme[1] = 0.1;
+    for (double& v : f.matrixScheme) v = u(rng) * std::pow(10.0, static_cast<int>(rng() % 50) - 40);
+    f.matrixScheme[1] = 5e-324;  // float32 rounding 0: still a finite float
+    f.matrixScheme[2] = 0.1;
+    MakeCornerSumsPositive(f.matrixScheme, 4, false);
     f.n = 2.2000000000000002;
     const std::string text = f.Format();
     const ZKSModelFile back = ZKSModelFile::Parse(text, "<memory>");
@@ -347,7 +369,7 @@ TEST(ModelFile, EachKindOfDamageIsAClearError) {
         {"ink names missing", [&] { return Reseal(ReplaceOnce(good, "\nink Black\n", "\n")); },
          "3 ink lines for 4 inks"},
         {"grid not from 0", [&] { return Reseal(ReplaceOnce(good, "\ngrid_levels\n0 ", "\ngrid_levels\n1 ")); },
-         "must run from 0 to 255"},
+         "model arrays: the grid of ink 1 must start at 0 and end at 255"},
         {"unknown illuminant", [&] { return Reseal(ReplaceOnce(good, "illuminant D50", "illuminant D55")); },
          "unknown illuminant 'D55'"},
         {"bad observer", [&] { return Reseal(ReplaceOnce(good, "observer 2", "observer 5")); },
@@ -385,8 +407,10 @@ TEST(ModelFile, ContentThatNoFileMayHoldIsRefusedWhenWriting) {
         {"matrix_scheme", [](ZKSModelFile& f) { f.matrixScheme[7] = std::nan(""); }},
         {"matrix_scheme", [](ZKSModelFile& f) { f.matrixScheme.pop_back(); }},
         {"effective_ramps", [](ZKSModelFile& f) { f.effectiveRamps[3] = 0.1; }},  // not a float32
-        {"n", [](ZKSModelFile& f) { f.n = -1.0; }},
-        {"grid_levels", [](ZKSModelFile& f) { f.gridPoints[1] = 101.5; }},
+        {"model arrays: n", [](ZKSModelFile& f) { f.n = -1.0; }},
+        {"model arrays: grid level 2 of ink 1", [](ZKSModelFile& f) { f.gridPoints[1] = 101.5; }},
+        {"model arrays: cell 0 predicts", [](ZKSModelFile& f) { f.matrixScheme[16] = -5.0; }},
+        {"model arrays: the ramp of ink 2 falls", [](ZKSModelFile& f) { f.effectiveRamps[256 + 5] = 0.75; }},
         {"illuminant 1", [](ZKSModelFile& f) { f.illuminants[0].name = "D55"; }},
         {"illuminants", [](ZKSModelFile& f) { f.illuminants.clear(); }},
         {"chart", [](ZKSModelFile& f) { f.provenance.chart = "two\nlines"; }},
@@ -428,7 +452,8 @@ TEST(ModelFile, WritesExactlyTheNameGivenAtomically) {
     bad.n = 0.0;
     const std::string before = Slurp(dir + "/press");
     const std::string message = ErrorOf([&] { bad.Write(dir + "/press"); });
-    EXPECT_EQ(message.rfind("cannot write " + dir + "/press: n:", 0), 0u) << message;
+    EXPECT_EQ(message.rfind("cannot write " + dir + "/press: model arrays: n (the Yule-Nielsen exponent)", 0), 0u)
+        << message;
     EXPECT_EQ(Slurp(dir + "/press"), before);
     EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"press"});
 

@@ -60,7 +60,7 @@ def install(a, prefix):
     if outside:
         raise Failure("installed outside the prefix: %s" % outside[:10])
     for expected in ["lib/pkgconfig/kelma.pc", "include/kelma/kelma.h", "include/kelma/common/Version.h",
-                     "share/kelma/octave/kelma_mex.mex", "share/kelma/octave/kelma_model_mex.mex",
+                     "share/kelma/octave/kelma_mex.mex", "share/kelma/octave/private/kelma_model_mex.mex",
                      "share/kelma/octave/kelma_version.m", "share/kelma/models/aptec_pc10_cmyk.kelma",
                      "bin/kelma", a.pythondir + "/kelma/__init__.py", a.pythondir + "/kelma/_kelma.pyi",
                      a.pythondir + "/kelma/py.typed", a.pythondir + "/kelma/dask.py",
@@ -145,9 +145,10 @@ def python_examples(a, prefix, work, env):
 def octave_examples(a, prefix, work, env):
     step("the README's Octave examples with the installed Octave files")
     octave_dir = prefix / "share" / "kelma" / "octave"
-    for mex in octave_dir.glob("*.mex"):
+    for mex in octave_dir.rglob("*.mex"):
         dynamic = run(["readelf", "-d", mex], env, work, "readelf").stdout
-        if "$ORIGIN/../../../lib" not in dynamic:
+        libdir = next(prefix.glob("lib*/libkelma.so")).parent
+        if "$ORIGIN/" + os.path.relpath(libdir, mex.parent) not in dynamic:
             raise Failure("%s has no RUNPATH to the prefix's library:\n%s" % (mex, dynamic))
     script = ["addpath ('%s');" % octave_dir,
               "assert (strncmp (which ('kelma_mex'), '%s', %d));" % (octave_dir, len(str(octave_dir))),

@@ -139,6 +139,15 @@ class TestModelsAsValues:
                 assert other == model and other is not model
                 assert same_bits(kelma.predict_spectra(other, inks4), kelma.predict_spectra(model, inks4))
 
+    def test_other_illuminants_keep_the_arrays_and_the_table(self, ref4, inks4):
+        m64 = build(ref4, dtype=np.float64)
+        d65 = m64.with_illuminants(["D65", "A"], 10)
+        assert d65.illuminant_count == 2 and d65 != m64
+        assert same_bits(d65.lighting_matrix.weights, kelma.LightingMatrix(["D65", "A"], 10).weights)
+        assert same_bits(d65.ramp_lut[1], m64.ramp_lut[1])        # the float64 table, kept
+        assert same_bits(kelma.predict_spectra(d65, inks4), kelma.predict_spectra(m64, inks4))
+        assert d65.with_illuminants("D50", 2) == m64
+
     def test_model_files_pickle_and_compare(self):
         f = kelma.ModelFile.read(SHIPPED)
         g = pickle.loads(pickle.dumps(f))
