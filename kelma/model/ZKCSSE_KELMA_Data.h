@@ -19,6 +19,8 @@ struct ZKSSSE_EffectiveRampEntry {
     float weight;              // local coordinate in [0, 1] for monotone ramps
 };
 
+struct ZKSModelFile;
+
 // Layouts (N inks, G grid points per ink, K spectral values, 31 everywhere):
 //  - grid points [i][g] at i G + g: whole digital levels, strictly ascending,
 //    first 0, last 255 (the lookup table relies on meeting every level);
@@ -33,8 +35,6 @@ struct ZKSSSE_EffectiveRampEntry {
 // prediction kernel (1, 2 or 3 inks) therefore throws "DefaultCase" while
 // being built, and a 5-ink model builds (its paper is predicted on its
 // 4-ink sub-model) but cannot be predicted.
-struct ZKSModelFile;
-
 class KELMA_API ZKCSSE_KELMA_Data {
 public:
     ZKCSSE_KELMA_Data(unsigned int numberOfInks, unsigned int numberOfGridPoints, const float* gridPoints,

@@ -152,8 +152,9 @@ private:
 
     void Header(ZKSModelFile& f, Line& line);
     void HeaderLine(ZKSModelFile& f, const Line& line, std::string_view key, std::string_view value);
-    void Rows(const Line& header, std::string_view name, std::size_t rows, std::size_t perRow,
-              MODELFILE_PRECISION precision, std::vector<double>* doubles, std::vector<float>* floats);
+    // `rows` lines of `perRow` numbers into doubles (in `precision`) or floats.
+    void Rows(std::string_view name, std::size_t rows, std::size_t perRow, MODELFILE_PRECISION precision,
+              std::vector<double>* doubles, std::vector<float>* floats);
     template <class T>
     T Number(const Line& line, std::string_view token, std::string_view what) const;
     template <class T>
@@ -445,9 +446,8 @@ void Parser::Header(ZKSModelFile& f, Line& line) {
                          " grid points need more coefficients than the library can address (2^32)");
 }
 
-void Parser::Rows(const Line& header, std::string_view name, std::size_t rows, std::size_t perRow,
-                  MODELFILE_PRECISION precision, std::vector<double>* doubles, std::vector<float>* floats) {
-    (void)header;
+void Parser::Rows(std::string_view name, std::size_t rows, std::size_t perRow, MODELFILE_PRECISION precision,
+                  std::vector<double>* doubles, std::vector<float>* floats) {
     Line line;
     const std::string sectionName(name);
     if (doubles) doubles->reserve(rows * perRow);
@@ -492,19 +492,19 @@ ZKSModelFile Parser::Run() {
     std::size_t cells = 1;
     for (std::size_t i = 0; i < N; ++i) cells *= G - 1;
 
-    Rows(line, "grid_levels", N, G, f.precision, &f.gridPoints, nullptr);
+    Rows("grid_levels", N, G, f.precision, &f.gridPoints, nullptr);
     auto expectSection = [&](const char* name) {
         if (!Next(line)) Fail(std::string("the file ends before the ") + name + " section: it is truncated");
         if (line.text != name) FailAt(line, std::string("expected the ") + name + " section, got " + Quote(line.text));
     };
     expectSection("effective_ramps");
-    Rows(line, "effective_ramps", N, 256, f.precision, &f.effectiveRamps, nullptr);
+    Rows("effective_ramps", N, 256, f.precision, &f.effectiveRamps, nullptr);
     expectSection("matrix_scheme");
-    Rows(line, "matrix_scheme", cells * kBands, std::size_t{1} << N, f.precision, &f.matrixScheme, nullptr);
+    Rows("matrix_scheme", cells * kBands, std::size_t{1} << N, f.precision, &f.matrixScheme, nullptr);
 
     if (!Next(line)) Fail("the file ends after matrix_scheme, without its checksum: it is truncated");
     if (line.text == "ramp_weights") {
-        Rows(line, "ramp_weights", N, 256, MODELFILE_FLOAT32, nullptr, &f.rampWeights);
+        Rows("ramp_weights", N, 256, MODELFILE_FLOAT32, nullptr, &f.rampWeights);
         if (!Next(line)) Fail("the file ends after ramp_weights, without its checksum: it is truncated");
     }
     const std::string_view prefix = "checksum fnv1a64 ";
@@ -622,7 +622,8 @@ void ZKSModelFile::Check() const {
                 Invalid(which + ": an spd illuminant has 31 values, got " + std::to_string(il.spd.size()));
             if (observer == 0) Invalid(which + ": an spd illuminant needs the observer (2 or 10)");
             double weighted = 0.0;
-            const std::vector<double>& cmf = ZKCObserver(static_cast<OBSERVER_TYPE>(observer)).Observer();
+            const ZKCObserver cie(static_cast<OBSERVER_TYPE>(observer));
+            const std::vector<double>& cmf = cie.Observer();
             for (std::size_t w = 0; w < kBands; ++w) {
                 if (!std::isfinite(il.spd[w]) || il.spd[w] < 0.0)
                     Invalid(which + ": spd values must be finite and >= 0, value " + std::to_string(w) + " is " +

@@ -326,8 +326,16 @@ TEST(ModelFile, EachKindOfDamageIsAClearError) {
     const std::vector<Case> cases = {
         {"empty", [] { return std::string(); }, "is empty"},
         {"blank", [] { return std::string("\n \n"); }, "is empty"},
-        {"zip archive", [] { return std::string("PK\x03\x04rest of an npz", 20); }, "zip archive"},
-        {"binary", [] { return std::string("\x7f" "ELF\x02\x01\x01\0\0\0", 10); }, "binary file"},
+        {"zip archive", [] {
+             static const char zip[] = "PK\x03\x04rest of an npz";
+             return std::string(zip, sizeof zip - 1);
+         },
+         "zip archive"},
+        {"binary", [] {
+             static const char elf[] = "\x7f" "ELF\x02\x01\x01\0\0\0";
+             return std::string(elf, sizeof elf - 1);
+         },
+         "binary file"},
         {"old text model", [] { return std::string("# kelma printer model\nINKS 4\nGRID_POINTS 3\n"); },
          "kelma 0.1 text model"},
         {"foreign text", [] { return std::string("CGATS.17\nORIGINATOR \"x\"\n"); }, "not a kelma model file"},
