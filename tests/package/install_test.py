@@ -260,6 +260,7 @@ def main():
     p.add_argument("--octave", default="")
     p.add_argument("--python", default=sys.executable)
     a = p.parse_args()
+    a.source, a.build = str(Path(a.source).resolve()), str(Path(a.build).resolve())
     work = Path(a.work).resolve()
     shutil.rmtree(work, ignore_errors=True)
     for d in ("home", "tmp", "mpl"):

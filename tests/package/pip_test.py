@@ -49,6 +49,7 @@ def main():
     p.add_argument("--fresh", action="store_true")
     p.add_argument("--python", default=sys.executable)
     a = p.parse_args()
+    a.source, a.build = str(Path(a.source).resolve()), str(Path(a.build).resolve())
     work = Path(a.work).resolve()
     shutil.rmtree(work, ignore_errors=True)
     (work / "tmp").mkdir(parents=True)
