@@ -29,6 +29,7 @@
 #include "kelma/mex/ZKCMexGateway.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
+#include "kelma/measurement/SpectralPlausibility.h"
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"

@@ -10,7 +10,9 @@ PACKAGES=(
   cmake ninja-build g++ pkg-config binutils
   libboost-thread-dev libboost-dev
   libgtest-dev libbenchmark-dev
-  liblcms2-dev
+  liblcms2-dev libeigen3-dev
+  # fuzzing (clang's libFuzzer)
+  clang libclang-rt-dev
   # Octave front end (MEX files, .m files)
   octave liboctave-dev
   # Python front end: the extension and its build, the kelma package

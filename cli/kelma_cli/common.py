@@ -72,11 +72,20 @@ def add_colorimetry_options(parser):
                         help="colours relative to the illuminant's white (default) or to the paper")
 
 
-def read_chart(path, required="spectra"):
+def add_extrapolate_option(parser):
+    """--extrapolate, for every subcommand that reads a chart's spectra."""
+    parser.add_argument("--extrapolate", action="store_true",
+                        help="accept spectra that leave more than 10 nm of 400-700 nm uncovered, extrapolating "
+                             "them from their end intervals (refused otherwise)")
+
+
+def read_chart(path, required="spectra", extrapolate=False):
+    """A kelma.MeasurementFile; the reader refuses what is not a chart (a
+    directory, a device, implausible spectra) with a message naming it."""
     p = Path(path)
-    if not p.is_file():
+    if not p.exists():
         raise UserError("chart %s does not exist" % p)
-    return kelma.MeasurementFile(p, required=required)
+    return kelma.MeasurementFile(p, required=required, extrapolate=extrapolate)
 
 
 def parse_grid(text):

@@ -3,7 +3,7 @@ from pathlib import Path
 
 import kelma
 
-from .common import UserError, load_model, read_chart
+from .common import UserError, add_extrapolate_option, load_model, read_chart
 
 
 def register(sub):
@@ -15,12 +15,13 @@ def register(sub):
                    help="illuminant of the comparison (default D50)")
     p.add_argument("--observer", type=int, choices=(2, 10), default=2,
                    help="CIE 1931 2 degree or CIE 1964 10 degree observer (default 2)")
+    add_extrapolate_option(p)
     p.set_defaults(run=run)
 
 
 def run(args):
     model = load_model(None if args.model == "default" else args.model, args.illuminant, args.observer)
-    chart = read_chart(args.chart, required=["spectra", "device"])
+    chart = read_chart(args.chart, required=["spectra", "device"], extrapolate=args.extrapolate)
     if chart.device_values.shape[1] != model.inks:
         raise UserError("%s has %d device channels; the model has %d inks"
                         % (args.chart, chart.device_values.shape[1], model.inks))

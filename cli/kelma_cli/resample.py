@@ -1,5 +1,5 @@
 """kelma resample: a chart's spectra on 400-700 nm in 10 nm steps."""
-from .common import read_chart
+from .common import add_extrapolate_option, read_chart
 
 
 def register(sub):
@@ -7,11 +7,12 @@ def register(sub):
     p.add_argument("chart")
     p.add_argument("out")
     p.add_argument("--method", choices=("linear", "spline"), default="linear")
+    add_extrapolate_option(p)
     p.set_defaults(run=run)
 
 
 def run(args):
-    chart = read_chart(args.chart)
+    chart = read_chart(args.chart, extrapolate=args.extrapolate)
     spectra = chart.resample(args.method)
     header = "SAMPLE_ID," + ",".join("NM%d" % w for w in range(400, 701, 10))
     with open(args.out, "w") as f:

@@ -25,6 +25,11 @@ kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& in
     if (Shape(spectra.shape(), spectra.shape() + spectra.ndim()) != want)
         ThrowValue("spectra must be " + ShapeString(want) +
                    ": one reflectance spectrum at 400-700 nm (10 nm) per patch, got " + ShapeString(spectra));
+    CheckFinite(spectra.data(), static_cast<std::size_t>(spectra.size()), "spectra");
+    CheckFloatRange(spectra, "spectra");
+    CheckReflectance(spectra, "spectra");
+    CheckFinite(device.data(), static_cast<std::size_t>(device.size()), "device_values");
+    CheckFloatRange(device, "device_values");
     kelma::ZKSModelChart c;
     c.numberOfInks = static_cast<unsigned>(device.shape(1));
     c.deviceValues.assign(device.data(), device.data() + device.size());

@@ -61,6 +61,12 @@ CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* nam
 void CheckFinite(const float* p, std::size_t n, const char* name);
 void CheckFinite(const double* p, std::size_t n, const char* name);
 void CheckNotNaN(const double* p, std::size_t n, const char* name);
+// The library's plausibility rules (kelma/measurement/SpectralPlausibility.h)
+// on an argument, naming the first offending element as name[i, j, ...]:
+// every value within float32 range; reflectance factors (-0.1 to 2).
+void CheckFloatRange(const py::array_t<double>& a, const char* name);
+void CheckReflectance(const py::array_t<double>& a, const char* name);
+std::string IndexString(const py::array& a, const char* name, std::size_t flat);
 
 // Runs f(start, count) over [0, total) split as the library's drivers split
 // work (one share per processor, remainder on the last); small batches run on

@@ -58,7 +58,7 @@ std::shared_ptr<kelma::ZKCSSE_KELMA_Data> ModelOf(const kelma::ZKSPrinterModelAr
 BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
                     const py::object& training, double fixedN, bool fitN, double nMin, double nMax,
                     bool estimateMissing, const py::object& coarse, unsigned maxIterations,
-                    const py::object& inkNames) {
+                    const py::object& inkNames, const py::object& fineBase, const py::object& finePrior) {
     kelma::ZKSModelChart chart = ChartArgument(chartObj, inkNames);
     kelma::ZKSModelBuildOptions o;
     auto g = AsNumeric<double>(grid, "grid_percent", kFloat | kInteger);
@@ -104,6 +104,28 @@ BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::
         result.chart = path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
     }
     result.inkNames = chart.inkNames;
+    if (!fineBase.is_none()) {
+        auto b = AsNumeric<double>(fineBase, "fine_base_grid_percent", kFloat | kInteger);
+        if (b.ndim() != 1)
+            ThrowValue("fine_base_grid_percent must be (G,) levels in percent for every ink, got shape " +
+                       ShapeString(b));
+        o.fineBaseGridPercent.assign(b.data(), b.data() + b.size());
+    }
+    if (py::isinstance<py::str>(finePrior)) {
+        if (finePrior.cast<std::string>() != "auto")
+            ThrowValue("fine_prior must be 'auto' or a positive number of patches per node, got '" +
+                       finePrior.cast<std::string>() + "'");
+    } else {
+        if (py::isinstance<py::bool_>(finePrior) ||
+            !(py::isinstance<py::float_>(finePrior) || py::isinstance<py::int_>(finePrior) ||
+              py::isinstance(finePrior, py::module_::import("numpy").attr("number"))))
+            ThrowType("fine_prior must be 'auto' or a positive number of patches per node");
+        const double w = finePrior.cast<double>();
+        if (!(w > 0.0 && std::isfinite(w)))
+            ThrowValue("fine_prior must be 'auto' or a positive number of patches per node, got " + std::to_string(w));
+        if (o.fineBaseGridPercent.empty()) ThrowValue("fine_prior needs fine_base_grid_percent (the fine-grid fit)");
+        o.finePriorWeight = w;
+    }
     py::gil_scoped_release release;
     kelma::ZKCModelBuilder builder(chart);
     static_cast<ZKSBuiltModel&>(result) = builder.Build(o);
@@ -160,6 +182,8 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
                                "dict count, mean, p95, max of training_delta_e.")
         .def_property_readonly("iterations", [](const BuiltModel& b) { return b.iterations; })
         .def_property_readonly("clamped_node_values", [](const BuiltModel& b) { return b.clampedNodeValues; })
+        .def_property_readonly("fine_prior", [](const BuiltModel& b) { return b.finePriorWeight; },
+                               "The fine-grid fit's prior weight in patches per node (0.0 for a direct fit).")
         .def(
             "model",
             [](const BuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
@@ -195,6 +219,7 @@ training patch count and CIEDE2000. chart and ink_names default to the chart's.)
           py::arg("fit_n") = true, py::arg("n_min") = 1.0, py::arg("n_max") = 10.0,
           py::arg("estimate_missing_nodes") = false, py::arg("coarse_grid_percent") = py::none(),
           py::arg("max_iterations") = 100u, py::arg("ink_names") = py::none(),
+          py::arg("fine_base_grid_percent") = py::none(), py::arg("fine_prior") = "auto",
           R"doc(Fits a cellular Yule-Nielsen modified spectral Neugebauer model to a chart.
 
 chart: a kelma.MeasurementFile (device channels are the inks, spectra
@@ -202,11 +227,19 @@ chart: a kelma.MeasurementFile (device channels are the inks, spectra
     0-100, spectra (patches, 31) reflectance at 400-700 nm); N is 4, 6 or 7.
 grid_percent: (G,) grid levels in percent for every ink, or (N, G) per ink;
     first 0, last 100; every grid node must be a measured patch unless
-    estimate_missing_nodes (from a classic model on coarse_grid_percent).
+    estimate_missing_nodes (from a classic model on coarse_grid_percent,
+    default [0, 100]; by the overprint rule where that grid is not coarser)
+    or the fine-grid fit is used.
 method: 'refined' (least-squares nodes, Levenberg-Marquardt on CIEDE2000)
     or 'classic' (measured nodes, ramps from single-ink patches).
 training_patches: patch indices to fit to (default all).
 fixed_n: > 0 to fix (classic) or start (refined) n; 0 searches [n_min, n_max].
+fine_base_grid_percent: (G,) levels of a base model: the model is fitted by
+    `method` on this grid, then the nodes of grid_percent are fitted by
+    regularised least squares toward its prediction, keeping its ramps and
+    n; only the base grid's nodes must be measured.
+fine_prior: the weight of that prior in patches per node (a positive
+    number), or 'auto' to choose it from the training patches alone.
 Returns a kelma.BuiltModel; problems raise kelma.ModelBuildingError (a
 ValueError) naming them.)doc");
 }

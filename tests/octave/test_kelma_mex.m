@@ -126,6 +126,43 @@ function test_kelma_mex (fixture_dir, readme)
   expect_error (@() kelma_predict_xyz (broken, samples), "kelma:model", "negative corner");
   expect_error (@() kelma_evaluate (press, "/nonexistent/chart.txt"), "kelma:chart", "missing chart");
 
+  % Every bad chart of the reader's table, and paths that are no chart file:
+  % a kelma:chart error naming the file and, where the file has device
+  % channels, the fault itself.
+  data_dir = fullfile (fileparts (readme), "tests", "measurement", "data");
+  fid = fopen (fullfile (data_dir, "bad_files.tsv"), "r");
+  table_rows = 0;
+  while (true)
+    line = fgetl (fid);
+    if (! ischar (line))
+      break;
+    end
+    if (isempty (line) || line(1) == "#")
+      continue;
+    end
+    f = strsplit (line, "\t");
+    table_rows++;
+    path = fullfile (data_dir, f{1});
+    expect_error (@() kelma_evaluate (press, path), "kelma:chart", f{1});
+    try
+      kelma_evaluate (press, path);
+    catch err
+      check (! isempty (strfind (err.message, path)), [f{1} ": the message names the file"]);
+      check (f{3} == "n" || ! isempty (strfind (err.message, f{4})), [f{1} ": " err.message]);
+    end
+  end
+  fclose (fid);
+  check (table_rows >= 27, "the table of bad charts was read");
+  special = {data_dir, "is a directory"; "/dev/zero", "is not a regular file"};
+  for k = 1:rows (special)
+    try
+      kelma_evaluate (press, special{k, 1});
+      check (false, [special{k, 1} " (no error raised)"]);
+    catch err
+      check (strcmp (err.identifier, "kelma:chart") && ! isempty (strfind (err.message, special{k, 2})), err.message);
+    end
+  end
+
   % The README's Octave example runs as written.
   text = fileread (readme);
   blocks = regexp (text, '```octave\n(.*?)```', "tokens");

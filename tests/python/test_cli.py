@@ -141,3 +141,61 @@ def test_bad_input_gives_one_clear_error(tmp_path, args, words):
     subst.update(rgb=tmp_path / "rgb.npy", png=tmp_path / "o.png", csv=tmp_path / "o.csv", model=tmp_path / "o.kelma")
     argv = [str(a).format(**subst) if isinstance(a, str) else a for a in args]
     failed_cleanly(run(*argv, cwd=tmp_path), *words)
+
+
+# Every bad chart through every subcommand that reads one, in this process
+# (the subprocess tests above cover the process itself): exit status 1, one
+# line "kelma: error: <file>: <problem>", no output written.
+sys.path.insert(0, str(ROOT / "cli"))
+from kelma_cli.main import main as cli_main  # noqa: E402
+from bad_charts import SPECIAL_LABELS, bad_files, special_files  # noqa: E402
+
+BAD_FILES = bad_files()
+CHART_READERS = {
+    "resample": lambda chart, tmp: ["resample", chart, tmp / "out.csv"],
+    "fit": lambda chart, tmp: ["fit", chart, "--grid", "0,100", "--out", tmp / "out.kelma"],
+    "evaluate": lambda chart, tmp: ["evaluate", "default", chart],
+}
+
+
+def cli_error(capsys, argv):
+    status = cli_main([str(a) for a in argv])
+    err = capsys.readouterr().err
+    assert status == 1, err
+    assert err.startswith("kelma: error: ") and err.count("\n") == 1, err
+    return err
+
+
+@pytest.mark.parametrize("command", sorted(CHART_READERS))
+@pytest.mark.parametrize("bad", BAD_FILES, ids=[b.name for b in BAD_FILES])
+def test_bad_chart_gives_one_line_naming_file_and_problem(tmp_path, capsys, command, bad):
+    err = cli_error(capsys, CHART_READERS[command](bad.path, tmp_path))
+    assert bad.path in err
+    if command == "resample" or bad.same_with_device:
+        assert bad.problem in err
+    assert not any(tmp_path.iterdir())
+
+
+@pytest.mark.parametrize("command", sorted(CHART_READERS))
+@pytest.mark.parametrize("label", SPECIAL_LABELS)
+def test_what_is_not_a_chart_file_says_so(tmp_path, capsys, command, label):
+    special = tmp_path / "special"
+    special.mkdir()
+    _, path, problem = next(c for c in special_files(special) if c[0] == label)
+    err = cli_error(capsys, CHART_READERS[command](path, tmp_path))
+    assert problem in err and str(path) in err
+
+
+def test_extrapolate_option_of_every_chart_reader(tmp_path, capsys):
+    gap = ROOT / "tests" / "measurement" / "data" / "bad_gap_blue.txt"
+    out = tmp_path / "spectra.csv"
+    assert "would be extrapolated" in cli_error(capsys, ["resample", gap, out])
+    assert cli_main(["resample", str(gap), str(out), "--extrapolate"]) == 0
+    rows = [line.split(",") for line in out.read_text().splitlines()]
+    assert rows[0][1] == "NM400" and len(rows) == 3
+    assert float(rows[1][1]) == pytest.approx(0.85)  # a flat spectrum stays flat
+    assert cli_main(["evaluate", "default", str(gap), "--extrapolate"]) == 0
+    assert "all patches" in capsys.readouterr().out
+    # The two-patch chart is read; what stops the fit is the chart itself.
+    err = cli_error(capsys, ["fit", gap, "--grid", "0,100", "--out", tmp_path / "m.npz", "--extrapolate"])
+    assert "grid nodes" in err and "extrapolated" not in err

@@ -1,7 +1,6 @@
 // The model builder's numeric tools against independent oracles: SciPy's
 // PchipInterpolator (values computed with SciPy 1.10), hand-pooled isotonic
-// regression, solves checked by their residual,
-// the Moebius blocks by evaluating the multilinear polynomial, and the local
+// regression, the Moebius blocks by evaluating the multilinear polynomial, and the local
 // CIEDE2000 metric against Little CMS.
 #include <gtest/gtest.h>
 
@@ -10,8 +9,9 @@
 #include <vector>
 
 #include "kelma/colorimetry/CIEDE2000.h"
-#include "kelma/modelbuilding/ModelBuildingMath.h"
-#include "kelma/modelbuilding/ZKCModelBuilder.h"
+#include "kelma/modelbuilding/FitColorimetry.h"
+#include "kelma/modelbuilding/MoebiusTransform.h"
+#include "kelma/modelbuilding/MonotoneCurve.h"
 
 using namespace kelma::modelbuilding;
 
@@ -50,34 +50,6 @@ TEST(IsotonicRegression, PoolsViolatorsByWeight) {
     std::vector<double> sorted{0.1, 0.2, 0.2, 0.9};
     IsotonicRegression(sorted, {1, 1, 1, 1});
     EXPECT_EQ(sorted, (std::vector<double>{0.1, 0.2, 0.2, 0.9}));
-}
-
-TEST(Cholesky, SolvesRandomPositiveDefiniteSystemsAndRejectsIndefinite) {
-    std::mt19937 rng(7);
-    std::normal_distribution<double> g;
-    const std::size_t n = 40, cols = 3;
-    std::vector<double> b(n * n), a(n * n, 0.0), rhs(n * cols);
-    for (double& v : b) v = g(rng);
-    // A = B B^T + I is positive definite.
-    for (std::size_t i = 0; i < n; ++i)
-        for (std::size_t j = 0; j < n; ++j) {
-            for (std::size_t k = 0; k < n; ++k) a[i * n + j] += b[i * n + k] * b[j * n + k];
-            if (i == j) a[i * n + j] += 1.0;
-        }
-    for (double& v : rhs) v = g(rng);
-    std::vector<double> l(a), x(rhs);
-    ASSERT_TRUE(CholeskyFactor(l.data(), n));
-    CholeskySolve(l.data(), n, x.data(), cols);
-    for (std::size_t i = 0; i < n; ++i)
-        for (std::size_t c = 0; c < cols; ++c) {
-            double s = 0.0;
-            for (std::size_t k = 0; k < n; ++k) s += a[i * n + k] * x[k * cols + c];
-            EXPECT_NEAR(s, rhs[i * cols + c], 1e-9);
-        }
-    std::vector<double> indefinite{1, 2, 2, 1};
-    EXPECT_FALSE(CholeskyFactor(indefinite.data(), 2));
-    std::vector<double> nan{std::nan(""), 0, 0, 1};
-    EXPECT_FALSE(CholeskyFactor(nan.data(), 2));
 }
 
 TEST(MoebiusInvert, BlockReproducesCornersAndInterpolatesMultilinearly) {
