@@ -1,6 +1,8 @@
-// Fits a printer model to a measured chart and writes it as a text model file
+// Fits a printer model to a measured chart and writes it as a kelma model file
 // and, optionally, as the generated C++ source of the library's embedded
-// default model; or reports held-out accuracy of the classic and refined fits.
+// default model (the same model, the same provenance: DefaultPressModelFile()
+// of a library built from that source formats to the model file byte for
+// byte); or reports held-out accuracy of the classic and refined fits.
 //
 //   kelma_fit_model [options]
 //     --chart FILE       CGATS chart with device values and spectra
@@ -12,7 +14,7 @@
 //     --coarse-grid P,.. grid of the model that estimates them (default 0,100)
 //     --fine-base P,...  fine-grid fit: the base grid the grid's nodes are fitted toward
 //     --fine-prior W     the fine-grid prior in patches per node, or auto (default)
-//     --model FILE       write the text model file
+//     --model FILE       write the model file (kelma/modelfile/ZKSModelFile.h)
 //     --source FILE      write the embedded-model C++ source
 //     --validate         two-fold held-out accuracy of both fits instead, on the
 //                        library's split of --split-grid (default: --fine-base if
@@ -20,7 +22,7 @@
 //     --split-grid P,... the grid whose patches train both folds of --validate
 //
 // Regenerating the embedded default model (from the repository root, after a build):
-//   build/tools/kelma_fit_model --model data/models/aptec_pc10_cmyk.txt
+//   build/tools/kelma_fit_model --model data/models/aptec_pc10_cmyk.kelma
 //       --source kelma/modelbuilding/DefaultPressModel_Data.cpp
 // (one command line), then rebuild the library.
 #include <chrono>
@@ -32,8 +34,11 @@
 #include <string>
 #include <vector>
 
+#include "kelma/common/AtomicFile.h"
+#include "kelma/common/Version.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
+#include "kelma/modelfile/ZKSModelFile.h"
 
 using namespace kelma;
 
@@ -219,72 +224,66 @@ std::string FileName(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-void WriteText(const std::string& path, const std::string& text) {
-    FILE* f = std::fopen(path.c_str(), "w");
-    if (!f || std::fputs(text.c_str(), f) < 0 || std::fclose(f) != 0) {
-        std::fprintf(stderr, "kelma_fit_model: cannot write %s\n", path.c_str());
-        std::exit(1);
+std::string Quoted(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
     }
+    return out + "\"";
 }
 
-std::string Provenance(const ZKSBuiltModel& built, const Arguments& args, std::size_t patches, const char* prefix) {
-    char buf[512];
+// The model file of a fit: provenance as recorded in both outputs.
+ZKSModelFile ModelFile(const ZKSBuiltModel& built, const Arguments& args, const ZKSModelChart& chart) {
+    ZKSModelFile f = ZKSModelFile::FromBuiltModel(built, FileName(args.chart), chart.inkNames);
     std::string grid;
     for (double g : args.grid) grid += (grid.empty() ? "" : ", ") + std::to_string(static_cast<int>(g));
-    if (!args.perInkGrid.empty()) grid = "per ink: " + JoinPercent(args.perInkGrid);
-    std::string how = "for every ink";
+    std::string description = "grid {" + grid + "} % for every ink";
+    if (!args.perInkGrid.empty()) description = "grid per ink: " + JoinPercent(args.perInkGrid) + " %";
     if (!args.fineBase.empty()) {
         char prior[64];
         std::snprintf(prior, sizeof prior, "%g", built.finePriorWeight);
-        how += "; nodes fitted toward the model on {" + JoinPercent(args.fineBase) + "} %, prior " + prior +
-               " patches per node";
+        description += "; nodes fitted toward the model on {" + JoinPercent(args.fineBase) + "} %, prior " + prior +
+                       " patches per node";
     }
-    std::snprintf(buf, sizeof buf,
-                  "%sFitted by tools/kelma_fit_model (%s fit) to %s, all %zu patches,\n"
-                  "%sgrid {%s} %% %s; D50 / 2 degree.\n"
-                  "%sTraining CIEDE2000 (library prediction): mean %.3f, p95 %.3f, max %.3f.\n",
-                  prefix, MethodName(built.method), FileName(args.chart).c_str(), patches, prefix, grid.c_str(),
-                  how.c_str(), prefix,
-                  built.fitError.mean, built.fitError.p95, built.fitError.max);
-    return buf;
+    f.provenance.description = description;
+    f.provenance.software = std::string("tools/kelma_fit_model (kelma ") + KELMA_VERSION + ")";
+    return f;
 }
 
-// Text model: keywords, then whitespace-separated values (%.17g round-trips doubles).
-void WriteModel(const std::string& path, const ZKSBuiltModel& built, const Arguments& args, std::size_t patches) {
-    const ZKSPrinterModelArrays& m = built.model;
-    std::string text = "# kelma printer model (cellular Yule-Nielsen modified spectral Neugebauer)\n";
-    text += Provenance(built, args, patches, "# ");
-    text += "# Layouts as ZKCSSE_KELMA_Data takes them; spectra on 400-700 nm / 10 nm.\n";
-    char buf[128];
-    std::snprintf(buf, sizeof buf, "INKS %u\nGRID_POINTS %u\nN %.17g\n", m.numberOfInks, m.numberOfGridPoints, m.n);
-    text += buf;
-    text += "GRID_LEVELS\n" + Join(m.gridPoints, "%.17g", m.numberOfGridPoints, "");
-    text += "EFFECTIVE_RAMPS\n" + Join(m.effectiveRamps, "%.17g", 256, "");
-    text += "MATRIX_SCHEME\n" + Join(m.matrixScheme, "%.17g", std::size_t{1} << m.numberOfInks, "");
-    WriteText(path, text);
-}
-
-// Generated source: the arrays as exact hexadecimal double literals.
-void WriteSource(const std::string& path, const ZKSBuiltModel& built, const Arguments& args, std::size_t patches) {
-    const ZKSPrinterModelArrays& m = built.model;
+// Generated source: the arrays as exact hexadecimal double literals, and the
+// provenance of the model file.
+std::string Source(const ZKSModelFile& f) {
     std::string text = "// Generated by tools/kelma_fit_model; do not edit. Regenerate with the command in\n"
-                       "// tools/kelma_fit_model.cpp.\n";
-    text += Provenance(built, args, patches, "// ");
+                       "// tools/kelma_fit_model.cpp; data/models/aptec_pc10_cmyk.kelma is the same model.\n";
     text += "#include \"kelma/modelbuilding/DefaultPressModelData.h\"\n\n"
             "namespace KELMA_NAMESPACE {\nnamespace modelbuilding {\n\n";
-    char buf[160];
+    char buf[512];
     std::snprintf(buf, sizeof buf,
                   "const unsigned int kDefaultPressInks = %u;\nconst unsigned int kDefaultPressGridPoints = %u;\n"
                   "const double kDefaultPressN = %a;\n\n",
-                  m.numberOfInks, m.numberOfGridPoints, m.n);
+                  f.numberOfInks, f.numberOfGridPoints, f.n);
     text += buf;
-    text += "const double kDefaultPressGridLevels[] = {\n" + Join(m.gridPoints, "%a,", 8, "    ") + "};\n\n";
-    text += "const double kDefaultPressEffectiveRamps[] = {\n" + Join(m.effectiveRamps, "%a,", 4, "    ") + "};\n\n";
-    text += "const double kDefaultPressMatrixScheme[] = {\n" + Join(m.matrixScheme, "%a,", 4, "    ") + "};\n\n";
-    std::snprintf(buf, sizeof buf, "const std::size_t kDefaultPressMatrixSchemeSize = %zu;\n\n", m.matrixScheme.size());
+    text += "const double kDefaultPressGridLevels[] = {\n" + Join(f.gridPoints, "%a,", 8, "    ") + "};\n\n";
+    text += "const double kDefaultPressEffectiveRamps[] = {\n" + Join(f.effectiveRamps, "%a,", 4, "    ") + "};\n\n";
+    text += "const double kDefaultPressMatrixScheme[] = {\n" + Join(f.matrixScheme, "%a,", 4, "    ") + "};\n\n";
+    std::snprintf(buf, sizeof buf, "const std::size_t kDefaultPressMatrixSchemeSize = %zu;\n\n", f.matrixScheme.size());
     text += buf;
+    text += "const char* const kDefaultPressInkNames[] = {";
+    for (std::size_t i = 0; i < f.inkNames.size(); ++i) text += (i ? ", " : "") + Quoted(f.inkNames[i]);
+    text += "};\n";
+    const ZKSModelProvenance& p = f.provenance;
+    text += "const char* const kDefaultPressDescription = " + Quoted(p.description) + ";\n";
+    text += "const char* const kDefaultPressChart = " + Quoted(p.chart) + ";\n";
+    text += "const char* const kDefaultPressFitMethod = " + Quoted(p.fitMethod) + ";\n";
+    std::snprintf(buf, sizeof buf,
+                  "const std::size_t kDefaultPressFitPatches = %zu;\nconst double kDefaultPressFitErrorMean = %a;\n"
+                  "const double kDefaultPressFitErrorP95 = %a;\nconst double kDefaultPressFitErrorMax = %a;\n",
+                  p.fitPatches, p.fitErrorMean, p.fitErrorP95, p.fitErrorMax);
+    text += buf;
+    text += "const char* const kDefaultPressSoftware = " + Quoted(p.software) + ";\n\n";
     text += "}  // namespace modelbuilding\n}  // namespace KELMA_NAMESPACE\n";
-    WriteText(path, text);
+    return text;
 }
 
 }  // namespace
@@ -303,9 +302,9 @@ int main(int argc, char** argv) {
                     "max %.3f\n",
                     MethodName(args.method), built.trainingPatches.size(), Seconds(start), built.model.n,
                     built.iterations, built.fitError.mean, built.fitError.p95, built.fitError.max);
-        const std::size_t patches = builder.Chart().PatchCount();
-        if (!args.model.empty()) WriteModel(args.model, built, args, patches);
-        if (!args.source.empty()) WriteSource(args.source, built, args, patches);
+        const ZKSModelFile modelFile = ModelFile(built, args, builder.Chart());
+        if (!args.model.empty()) modelFile.Write(args.model);
+        if (!args.source.empty()) WriteFileAtomically(args.source, Source(modelFile));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kelma_fit_model: %s\n", e.what());
         return 1;

@@ -4,11 +4,10 @@ import threading
 import time
 from pathlib import Path
 
-import numpy as np
-
 import kelma
 
-# The repository's data folder (the real chart of the main job).
+# The checkout this package sits in, if any (its data folder holds the real
+# chart of the main job); an installed package has none.
 ROOT = Path(__file__).resolve().parents[2]
 
 
@@ -46,19 +45,20 @@ class Step:
 
 
 def load_model(path, illuminant="D50", observer=2):
-    """A kelma.Model under one illuminant and observer, from a .npz written by
-    'kelma fit', or the embedded press model when path is None."""
+    """A kelma.Model under one illuminant and observer: from a model file (as
+    'kelma fit' writes it; its arrays and lookup table kept exactly), or the
+    embedded press model when path is None."""
     if path is None:
         return kelma.default_press_model(illuminant, observer)
     p = Path(path)
     if not p.is_file():
         raise UserError("model file %s does not exist" % p)
     try:
-        with np.load(p) as data:
-            return kelma.Model(data["grid"], data["ramps"], data["scheme"], float(data["n"]),
-                               illuminants=illuminant, observer=observer)
-    except (KeyError, OSError, ValueError) as exc:
-        raise UserError("%s is not a kelma model (.npz with grid, ramps, scheme, n): %s" % (p, exc))
+        model = kelma.load_model(p)
+    except kelma.ModelFileError as exc:
+        # The library's text names the file and what is wrong with it.
+        raise UserError(str(exc))
+    return model.with_illuminants(illuminant, observer)
 
 
 def add_colorimetry_options(parser):

@@ -5,13 +5,17 @@ import numpy as np
 
 import kelma
 
-from .common import ROOT, Step, read_chart
+from .common import ROOT, Step, UserError, read_chart
 from .proof import proof_clut, save_png
+
+
+CHART_NAME = "APTEC_PC10_CardBoard_2023_v1_Spectral.txt"
 
 
 def register(sub):
     p = sub.add_parser("demo", help="the main job on the embedded press model")
     p.add_argument("--out", default="out", help="folder for the PNG files (default: out)")
+    p.add_argument("--chart", help="the APTEC PC10 spectral chart (default: data/aptec_pc10 of the checkout)")
     p.set_defaults(run=run)
 
 
@@ -31,7 +35,9 @@ def test_image(height=480, width=768):
 def run(args):
     out = Path(args.out)
     out.mkdir(parents=True, exist_ok=True)
-    chart_path = ROOT / "data" / "aptec_pc10" / "APTEC_PC10_CardBoard_2023_v1_Spectral.txt"
+    chart_path = Path(args.chart) if args.chart else ROOT / "data" / "aptec_pc10" / CHART_NAME
+    if not args.chart and not chart_path.is_file():
+        raise UserError("the demo needs the APTEC PC10 chart (%s of a kelma checkout): pass --chart" % CHART_NAME)
 
     with Step("loading the embedded press model and the APTEC PC10 chart"):
         model = kelma.default_press_model()

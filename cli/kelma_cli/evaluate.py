@@ -8,7 +8,7 @@ from .common import UserError, add_extrapolate_option, load_model, read_chart
 
 def register(sub):
     p = sub.add_parser("evaluate", help="CIEDE2000 statistics of a model against a measured chart")
-    p.add_argument("model", help="model .npz from 'kelma fit', or 'default' for the embedded press model")
+    p.add_argument("model", help="model file from 'kelma fit', or 'default' for the embedded press model")
     p.add_argument("chart", help="measured chart (CGATS) with device values in percent and spectra")
     p.add_argument("--illuminant", default="D50", type=str.upper,
                    choices=("A", "D50", "D65", "E", "F1", "F2", "F11"),

@@ -1,5 +1,6 @@
 """kelma fit: build a model from a measured chart."""
 import math
+from pathlib import Path
 
 import numpy as np
 
@@ -22,7 +23,7 @@ def register(sub):
                    help="fine-grid fit: fit the model on these levels first, then the --grid nodes toward it")
     p.add_argument("--fine-prior", default="auto",
                    help="weight of the fine-grid prior in patches per node, or auto (default: chosen from the chart)")
-    p.add_argument("--out", required=True, help="model file to write (.npz)")
+    p.add_argument("--out", required=True, help="model file to write (exactly this name; e.g. press.kelma)")
     add_extrapolate_option(p)
     p.set_defaults(run=run)
 
@@ -60,8 +61,14 @@ def run(args):
         estimate_missing_nodes=args.estimate_missing,
         coarse_grid_percent=parse_grid(args.coarse_grid) if args.coarse_grid else None,
         fine_base_grid_percent=fine_base, fine_prior=prior_argument(args.fine_prior, fine_base))
-    a = built.arrays
-    np.savez(args.out, grid=a["grid"], ramps=a["ramps"], scheme=a["scheme"], n=a["n"])
+    # The file records how it was fitted; the library writes it beside the
+    # target and renames it when complete.
+    how = ["kelma fit --grid %s --method %s" % (args.grid, args.method)]
+    if args.estimate_missing:
+        how.append("--estimate-missing --coarse-grid %s" % (args.coarse_grid or "0,100"))
+    if fine_base is not None:
+        how.append("--fine-base %s (prior %g patches per node)" % (args.fine_base, built.fine_prior))
+    built.model_file(chart=Path(args.chart).name).with_description(description=" ".join(how)).write(args.out)
     e = built.fit_error
     print("fitted %s model: n = %.4f, training CIEDE2000 mean %.3f, p95 %.3f, max %.3f (%d patches) -> %s"
           % (args.method, built.n, e["mean"], e["p95"], e["max"], e["count"], args.out))

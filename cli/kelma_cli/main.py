@@ -8,8 +8,14 @@ from .common import UserError
 SUBCOMMANDS = (demo, predict, evaluate, fit, proof, resample, separate)
 
 
+def _version():
+    import kelma
+    return kelma.__version__
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(prog="kelma", description="Predict how a halftone print will look.")
+    parser.add_argument("--version", action="version", version="kelma %s" % _version())
     sub = parser.add_subparsers(dest="command", required=True)
     for module in SUBCOMMANDS:
         module.register(sub)

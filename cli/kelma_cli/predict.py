@@ -13,7 +13,7 @@ OUTPUTS = ("lab", "xyz", "spectra", "lab2000hl")
 def register(sub):
     p = sub.add_parser("predict", help="predict ink combinations read from a CSV file")
     p.add_argument("inks", help="CSV with one sample per line, one column per ink (percent 0-100)")
-    p.add_argument("--model", help="model .npz from 'kelma fit' (default: the embedded press model)")
+    p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
     p.add_argument("--output", choices=OUTPUTS, default="lab",
                    help="CIELAB or XYZ (float), spectra at 400-700 nm, or LAB2000HL bytes (default lab)")
     p.add_argument("--digital", action="store_true", help="ink values are whole 0-255 digital levels")

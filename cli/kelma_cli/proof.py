@@ -28,7 +28,7 @@ def register(sub):
     p = sub.add_parser("proof", help="soft-proof a CMYK image (TIFF/JPEG or .npy) into an sRGB PNG")
     p.add_argument("image")
     p.add_argument("out")
-    p.add_argument("--model")
+    p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
     p.add_argument("--grid-points", type=int, default=17)
     p.set_defaults(run=run)
 

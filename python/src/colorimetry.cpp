@@ -423,9 +423,9 @@ media_white: float (L, 3), positive XYZ of the paper (Model.media_white_point).)
             "media_relative_lab2000hl_bytes",
             [](const ZKCLighting_Matrix& lm, const py::object& lab, const py::object& factor) {
                 py::array a = AsNdarray(lab, "lab");
-                if (a.dtype().is(py::dtype::of<std::uint16_t>()))
+                if (a.dtype().equal(py::dtype::of<std::uint16_t>()))
                     return MediaRelative<std::uint16_t>(lm, AsExact<std::uint16_t>(a, "lab"), factor);
-                if (!a.dtype().is(py::dtype::of<std::uint8_t>()))
+                if (!a.dtype().equal(py::dtype::of<std::uint8_t>()))
                     ThrowType("lab must be a uint8 or uint16 array of encoded CIELAB, got dtype " + DtypeString(a));
                 return MediaRelative<std::uint8_t>(lm, AsExact<std::uint8_t>(a, "lab"), factor);
             },

@@ -54,7 +54,7 @@ template CArray<double> AsNumeric<double>(const py::handle&, const char*, unsign
 template <class T>
 CArray<T> AsExact(const py::handle& obj, const char* name) {
     py::array a = AsNdarray(obj, name);
-    if (!a.dtype().is(py::dtype::of<T>())) {
+    if (!a.dtype().equal(py::dtype::of<T>())) {
         const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
         ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a) +
                   " (convert with np.asarray(x, dtype=np." + want + ") after checking the range)");
@@ -90,7 +90,7 @@ CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* nam
     if (!py::isinstance<py::array>(out)) ThrowType(std::string(name) + " must be a numpy array or None");
     py::array a = py::reinterpret_borrow<py::array>(out);
     const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
-    if (!a.dtype().is(py::dtype::of<T>()))
+    if (!a.dtype().equal(py::dtype::of<T>()))
         ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a));
     if (Shape(a.shape(), a.shape() + a.ndim()) != shape)
         ThrowValue(std::string(name) + " must have shape " + ShapeString(shape) + ", got " + ShapeString(a));

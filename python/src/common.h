@@ -89,6 +89,12 @@ auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
 // sequence of those, or a LightingMatrix) and an observer (2 or 10).
 kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
 
+// A filesystem path argument (str, bytes or os.PathLike) as a string.
+std::string PathString(const py::object& path);
+// Writes a model file at `path` (atomically), the GIL released.
+void WriteModelFile(const kelma::ZKSModelFile& file, const py::object& path);
+// A kelma.ModelFile holding a copy of `file`.
+py::object ModelFileObject(const kelma::ZKSModelFile& file);
 // A chart argument: a kelma.MeasurementFile (its device channels are the
 // inks, in percent; spectra resampled linearly) or a tuple (device_values
 // (patches, N) in percent, spectra (patches, 31)). ink_names only with a tuple.
@@ -101,6 +107,7 @@ void RegisterPrediction(py::module_& m);
 void RegisterSampling(py::module_& m);
 void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
+void RegisterModelFile(py::module_& m);
 void RegisterColour(py::module_& m);
 void RegisterSeparation(py::module_& m);
 

@@ -10,6 +10,22 @@ namespace {
 
 using kelma::ZKSBuiltModel;
 
+// A fit and what the model file records about its chart.
+struct BuiltModel : ZKSBuiltModel {
+    std::string chart;                  // the chart's file name ('' for arrays)
+    std::vector<std::string> inkNames;  // the chart's channel names (may be empty)
+};
+
+kelma::ZKSModelFile FileOf(const BuiltModel& b, const py::object& chart, const py::object& inkNames) {
+    std::vector<std::string> names = b.inkNames;
+    if (!inkNames.is_none()) {
+        if (py::isinstance<py::str>(inkNames)) ThrowType("ink_names must be a sequence of strings, one per ink");
+        names = inkNames.cast<std::vector<std::string>>();
+    }
+    const std::string chartName = chart.is_none() ? b.chart : PathString(chart);
+    return kelma::ZKSModelFile::FromBuiltModel(b, chartName, names);
+}
+
 constexpr unsigned kValues = kelma::kSpectralValues;
 
 template <class T>
@@ -39,7 +55,7 @@ std::shared_ptr<kelma::ZKCSSE_KELMA_Data> ModelOf(const kelma::ZKSPrinterModelAr
         arrays.Model(lm, static_cast<kelma::INK_SET>(inkSet), mediaRelative, absolute));
 }
 
-ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
+BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
                     const py::object& training, double fixedN, bool fitN, double nMin, double nMax,
                     bool estimateMissing, const py::object& coarse, unsigned maxIterations,
                     const py::object& inkNames, const py::object& fineBase, const py::object& finePrior) {
@@ -82,6 +98,12 @@ ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const st
         o.coarseGridPercent.assign(c.data(), c.data() + c.size());
     }
     o.maxIterations = maxIterations;
+    BuiltModel result;
+    if (py::isinstance<kelma::ZKCMeasurementFile>(chartObj)) {
+        const std::string path = chartObj.cast<const kelma::ZKCMeasurementFile&>().Data().file;
+        result.chart = path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
+    }
+    result.inkNames = chart.inkNames;
     if (!fineBase.is_none()) {
         auto b = AsNumeric<double>(fineBase, "fine_base_grid_percent", kFloat | kInteger);
         if (b.ndim() != 1)
@@ -106,7 +128,8 @@ ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const st
     }
     py::gil_scoped_release release;
     kelma::ZKCModelBuilder builder(chart);
-    return builder.Build(o);
+    static_cast<ZKSBuiltModel&>(result) = builder.Build(o);
+    return result;
 }
 
 py::dict Stats(const kelma::ZKSStatistics& s) {
@@ -140,36 +163,56 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
         "default_press_model_arrays", [] { return ArraysDict(kelma::DefaultPressModelArrays()); },
         "The default press model's arrays as fitted (float64): dict grid (4, 3), ramps (4, 256), scheme, n.");
 
-    py::class_<ZKSBuiltModel, std::shared_ptr<ZKSBuiltModel>>(m, "BuiltModel",
+    py::class_<BuiltModel, std::shared_ptr<BuiltModel>>(m, "BuiltModel",
                                                              "A model fitted by kelma.build_model, with its fit report.")
-        .def_property_readonly("arrays", [](const ZKSBuiltModel& b) { return ArraysDict(b.model); },
+        .def_property_readonly("arrays", [](const BuiltModel& b) { return ArraysDict(b.model); },
                                "dict grid (N, G), ramps (N, 256), scheme (cells, 31, 2^N) as float64, and n.")
-        .def_property_readonly("n", [](const ZKSBuiltModel& b) { return b.model.n; })
+        .def_property_readonly("n", [](const BuiltModel& b) { return b.model.n; })
         .def_property_readonly("method",
-                               [](const ZKSBuiltModel& b) { return b.method == kelma::MODELFIT_REFINED ? "refined" : "classic"; })
-        .def_property_readonly("training_patches", [](const ZKSBuiltModel& b) { return b.trainingPatches; })
-        .def_property_readonly("node_patches", [](const ZKSBuiltModel& b) { return b.nodePatches; })
-        .def_property_readonly("ramp_patches", [](const ZKSBuiltModel& b) { return b.rampPatches; })
-        .def_property_readonly("estimated_nodes", [](const ZKSBuiltModel& b) { return b.estimatedNodes; })
+                               [](const BuiltModel& b) { return b.method == kelma::MODELFIT_REFINED ? "refined" : "classic"; })
+        .def_property_readonly("training_patches", [](const BuiltModel& b) { return b.trainingPatches; })
+        .def_property_readonly("node_patches", [](const BuiltModel& b) { return b.nodePatches; })
+        .def_property_readonly("ramp_patches", [](const BuiltModel& b) { return b.rampPatches; })
+        .def_property_readonly("estimated_nodes", [](const BuiltModel& b) { return b.estimatedNodes; })
         .def_property_readonly(
             "training_delta_e",
-            [](const ZKSBuiltModel& b) { return Array(b.trainingDeltaE, {py::ssize_t(b.trainingDeltaE.size())}); },
+            [](const BuiltModel& b) { return Array(b.trainingDeltaE, {py::ssize_t(b.trainingDeltaE.size())}); },
             "CIEDE2000 of each training patch as the library predicts it (D50, 2 degree).")
-        .def_property_readonly("fit_error", [](const ZKSBuiltModel& b) { return Stats(b.fitError); },
+        .def_property_readonly("fit_error", [](const BuiltModel& b) { return Stats(b.fitError); },
                                "dict count, mean, p95, max of training_delta_e.")
-        .def_property_readonly("iterations", [](const ZKSBuiltModel& b) { return b.iterations; })
-        .def_property_readonly("clamped_node_values", [](const ZKSBuiltModel& b) { return b.clampedNodeValues; })
-        .def_property_readonly("fine_prior", [](const ZKSBuiltModel& b) { return b.finePriorWeight; },
+        .def_property_readonly("iterations", [](const BuiltModel& b) { return b.iterations; })
+        .def_property_readonly("clamped_node_values", [](const BuiltModel& b) { return b.clampedNodeValues; })
+        .def_property_readonly("fine_prior", [](const BuiltModel& b) { return b.finePriorWeight; },
                                "The fine-grid fit's prior weight in patches per node (0.0 for a direct fit).")
         .def(
             "model",
-            [](const ZKSBuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
+            [](const BuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
                std::uint32_t inkSet, bool absolute) {
                 return ModelOf(b.model, illuminants, observer, mediaRelative, inkSet, absolute);
             },
             py::arg("illuminants") = "D50", py::arg("observer") = py::none(), py::kw_only(),
             py::arg("media_relative") = false, py::arg("ink_set") = 127u, py::arg("absolute_colorimetric") = false,
-            "The fitted model as a kelma.Model (from its float arrays) under the given illuminants.");
+            "The fitted model as a kelma.Model (from its float arrays) under the given illuminants.")
+        .def_property_readonly("chart", [](const BuiltModel& b) { return b.chart; },
+                               "File name of the chart it was fitted to ('' for a chart given as arrays).")
+        .def_property_readonly("ink_names", [](const BuiltModel& b) { return b.inkNames; },
+                               "The chart's channel names ([] for a chart given as arrays without names).")
+        .def(
+            "model_file",
+            [](const BuiltModel& b, const py::object& chart, const py::object& inkNames) {
+                return ModelFileObject(FileOf(b, chart, inkNames));
+            },
+            py::kw_only(), py::arg("chart") = py::none(), py::arg("ink_names") = py::none(),
+            R"doc(The fit as a kelma.ModelFile: the float64 arrays as fitted (the model is their
+float32 rounding, as model() builds it), D50 / 2 degree, the chart, fit method,
+training patch count and CIEDE2000. chart and ink_names default to the chart's.)doc")
+        .def(
+            "save",
+            [](const BuiltModel& b, const py::object& path, const py::object& chart, const py::object& inkNames) {
+                WriteModelFile(FileOf(b, chart, inkNames), path);
+            },
+            py::arg("path"), py::kw_only(), py::arg("chart") = py::none(), py::arg("ink_names") = py::none(),
+            "Writes model_file(...) at exactly `path` (atomically).");
 
     m.def("build_model", &Build, py::arg("chart"), py::arg("grid_percent"), py::kw_only(),
           py::arg("method") = "refined", py::arg("training_patches") = py::none(), py::arg("fixed_n") = 0.0,

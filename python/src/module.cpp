@@ -21,6 +21,7 @@ Y = 1); ink values and colour bytes are uint8 with the channels on the last
 axis. Every computation runs on all processors (see set_cpu_count_override)
 with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
 
+    m.attr("__version__") = KELMA_VERSION;
     py::register_exception<kelma::ZKCMeasurementError>(m, "MeasurementError", PyExc_ValueError);
     py::register_exception_translator([](std::exception_ptr p) {
         try {
@@ -53,6 +54,7 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterSampling(m);
     kelma_py::RegisterClut(m);
     kelma_py::RegisterModelBuilding(m);
+    kelma_py::RegisterModelFile(m);
     kelma_py::RegisterColour(m);
     kelma_py::RegisterSeparation(m);
 }

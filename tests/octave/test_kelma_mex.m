@@ -53,7 +53,7 @@ function test_kelma_mex (fixture_dir, readme)
   press_expected = reshape (read_raw (fullfile (fixture_dir, "press_expected.f32"), "single=>single"), 32, 81);
   got = kelma_predict (press.grid, press.ramps, press.scheme, press.n, press_inks);
   check (isequal (typecast (got(:), "uint32"), typecast (press_expected(:), "uint32")), "press model: bit-identical to the library");
-  expect_error (@() kelma_default_model ("/nonexistent/model.txt"), "kelma:model:open", "missing model file");
+  expect_error (@() kelma_default_model ("/nonexistent/model.kelma"), "kelma:model:file", "missing model file");
 
   % Failures inside the library: Octave survives and can catch them.
   for N = [3 5]

@@ -68,14 +68,28 @@ def test_predict_outputs_and_digital_input_agree(tmp_path):
 
 
 def test_fit_writes_a_model_that_predicts_like_the_embedded_one(tmp_path):
-    model = tmp_path / "press.npz"
+    model = tmp_path / "press"
     r = run("fit", CHART, "--grid", "0,40,100", "--out", model)
     assert r.returncode == 0, r.stderr
+    # Exactly the name given, nothing left beside it; the library's format.
+    assert [p.name for p in tmp_path.iterdir()] == ["press"]
+    assert model.read_text().startswith("kelma-model 1\n")
     inks = tmp_path / "inks.csv"
     inks.write_text("0,0,0,0\n70,40,0,0\n20,20,20,60\n")
     mine = np.loadtxt(run("predict", inks, "--model", model).stdout.splitlines(), delimiter=",")
     embedded = np.loadtxt(run("predict", inks).stdout.splitlines(), delimiter=",")
     assert np.abs(mine - embedded).max() < 0.05
+
+
+def test_version_and_the_shipped_model_file(tmp_path):
+    import kelma
+    r = run("--version")
+    assert r.returncode == 0 and r.stdout.strip() == "kelma " + kelma.__version__
+    inks = tmp_path / "inks.csv"
+    inks.write_text("0,0,0,0\n20,40,60,10\n")
+    shipped = run("predict", inks, "--model", ROOT / "data" / "models" / "aptec_pc10_cmyk.kelma", "--output", "spectra")
+    assert shipped.returncode == 0, shipped.stderr
+    assert shipped.stdout == run("predict", inks, "--output", "spectra").stdout
 
 
 def test_proof_and_resample(tmp_path):
@@ -100,7 +114,9 @@ def test_proof_and_resample(tmp_path):
     (["predict", "missing.csv"], ["missing.csv"]),
     (["predict", "{bad_cols}"], ["columns", "4 inks"]),
     (["predict", "{out_of_range}"], ["0-100"]),
-    (["predict", "{ok}", "--model", "{not_a_model}"], ["not a kelma model"]),
+    (["predict", "{ok}", "--model", "{not_a_model}"], ["m.npz", "not a kelma model"]),
+    (["predict", "{ok}", "--model", "{truncated_model}"], ["cut.kelma", "truncated"]),
+    (["predict", "{ok}", "--model", "missing.kelma"], ["missing.kelma", "does not exist"]),
     (["fit", CHART, "--grid", "0,50,100", "--out", "{model}"], ["lacks", "(50, 50, 0, 0)"]),
     (["fit", CHART, "--grid", "zero,100", "--out", "{model}"], ["--grid"]),
     (["fit", "{ok}", "--grid", "0,100", "--out", "{model}"], []),
@@ -115,13 +131,14 @@ def test_bad_input_gives_one_clear_error(tmp_path, args, words):
         "out_of_range": ("r.csv", "0,0,0,120\n"),
         "ok": ("ok.csv", "0,0,0,0\n"),
         "not_a_model": ("m.npz", "not a zip"),
+        "truncated_model": ("cut.kelma", (ROOT / "data" / "models" / "aptec_pc10_cmyk.kelma").read_text()[:9000]),
     }
     subst = {}
     for key, (name, text) in files.items():
         (tmp_path / name).write_text(text)
         subst[key] = tmp_path / name
     np.save(tmp_path / "rgb.npy", np.zeros((4, 4, 3), np.uint8))
-    subst.update(rgb=tmp_path / "rgb.npy", png=tmp_path / "o.png", csv=tmp_path / "o.csv", model=tmp_path / "o.npz")
+    subst.update(rgb=tmp_path / "rgb.npy", png=tmp_path / "o.png", csv=tmp_path / "o.csv", model=tmp_path / "o.kelma")
     argv = [str(a).format(**subst) if isinstance(a, str) else a for a in args]
     failed_cleanly(run(*argv, cwd=tmp_path), *words)
 
@@ -136,7 +153,7 @@ from bad_charts import SPECIAL_LABELS, bad_files, special_files  # noqa: E402
 BAD_FILES = bad_files()
 CHART_READERS = {
     "resample": lambda chart, tmp: ["resample", chart, tmp / "out.csv"],
-    "fit": lambda chart, tmp: ["fit", chart, "--grid", "0,100", "--out", tmp / "out.npz"],
+    "fit": lambda chart, tmp: ["fit", chart, "--grid", "0,100", "--out", tmp / "out.kelma"],
     "evaluate": lambda chart, tmp: ["evaluate", "default", chart],
 }
 

@@ -3,18 +3,20 @@ fit and its prior, estimated nodes, per-ink grids; one clear error each."""
 import numpy as np
 import pytest
 
+import kelma
 from test_cli import CHART, failed_cleanly, run
 
 
 def test_fine_grid_fit_reports_its_prior_and_predicts_the_chart(tmp_path):
-    model = tmp_path / "fine.npz"
+    model = tmp_path / "fine.kelma"
     r = run("fit", CHART, "--grid", "0,40,70,100", "--fine-base", "0,40,100", "--out", model)
     assert r.returncode == 0, r.stderr
     assert "fine-grid prior:" in r.stdout and "91 grid nodes without a patch" in r.stdout
-    with np.load(model) as m:
-        np.testing.assert_array_equal(m["grid"], np.tile([0, 102, 179, 255], (4, 1)))
+    m = kelma.ModelFile.read(model)
+    np.testing.assert_array_equal(m.grid, np.tile([0, 102, 179, 255], (4, 1)))
+    assert m.description.startswith("kelma fit --grid 0,40,70,100 --method refined --fine-base 0,40,100 (prior ")
     fixed = run("fit", CHART, "--grid", "0,40,70,100", "--fine-base", "0,40,100", "--fine-prior", "2",
-                "--method", "classic", "--out", tmp_path / "fixed.npz")
+                "--method", "classic", "--out", tmp_path / "fixed.kelma")
     assert fixed.returncode == 0, fixed.stderr
     assert "fine-grid prior: 2 patches per node" in fixed.stdout
     inks = tmp_path / "inks.csv"
@@ -26,11 +28,11 @@ def test_fine_grid_fit_reports_its_prior_and_predicts_the_chart(tmp_path):
 
 def test_estimated_nodes_and_per_ink_grids(tmp_path):
     r = run("fit", CHART, "--grid", "0,40,70,100", "--estimate-missing", "--coarse-grid", "0,40,100",
-            "--method", "classic", "--out", tmp_path / "est.npz")
+            "--method", "classic", "--out", tmp_path / "est.kelma")
     assert r.returncode == 0, r.stderr
     assert "91 grid nodes without a patch: estimated" in r.stdout
     r = run("fit", CHART, "--grid", "0,40,100;0,40,100;0,40,100;0,40,100", "--method", "classic",
-            "--out", tmp_path / "ink.npz")
+            "--out", tmp_path / "ink.kelma")
     assert r.returncode == 0, r.stderr
 
 
@@ -45,4 +47,4 @@ def test_estimated_nodes_and_per_ink_grids(tmp_path):
     (["--grid", "0,40,70,100", "--estimate-missing", "--coarse-grid", "0,40"], ["coarse grid", "100 %"]),
 ])
 def test_bad_fit_options_give_one_clear_error(tmp_path, args, words):
-    failed_cleanly(run("fit", CHART, *args, "--out", tmp_path / "o.npz", cwd=tmp_path), *words)
+    failed_cleanly(run("fit", CHART, *args, "--out", tmp_path / "o.kelma", cwd=tmp_path), *words)
