@@ -7,19 +7,19 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, load_model
+from .common import UserError, add_colorimetry_options, load_model
 
 
 def register(sub):
     p = sub.add_parser("separate", help="separate CIELAB colours (CSV: L*,a*,b* per line) into ink percent")
     p.add_argument("colours", help="CSV with one colour per line: L*, a*, b* (a header line is allowed)")
-    p.add_argument("--model", help="model .npz from 'kelma fit' (default: the embedded press model)")
+    p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
     p.add_argument("--tac", type=int, default=300, help="total ink coverage limit in percent (default 300)")
     p.add_argument("--max-black", type=int, default=100, help="black limit in percent (default 100)")
     p.add_argument("--gcr", type=int, default=50, help="grey component replacement in percent (default 50)")
-    p.add_argument("--illuminant-relative", action="store_true",
-                   help="the colours are relative to the illuminant's white, not to the paper")
-    p.set_defaults(run=run)
+    add_colorimetry_options(p)
+    # Separations take colours relative to the paper unless told otherwise.
+    p.set_defaults(run=run, relative="paper")
 
 
 def read_colours(path):
@@ -53,7 +53,7 @@ def read_colours(path):
 
 
 def run(args):
-    model = load_model(args.model)
+    model = load_model(args.model, args.illuminant, args.observer)
     inks = model.inks
     if not 1 <= args.tac <= 100 * inks:
         raise UserError("--tac %d: the total coverage must be 1..%d percent (0 leaves nothing but the paper)"
@@ -64,6 +64,6 @@ def run(args):
         raise UserError("--gcr %d: the grey component replacement must be 0..100 percent" % args.gcr)
     lab = read_colours(args.colours)
     separation = kelma.Separation(model, total_coverage=args.tac, max_black=args.max_black, gcr=args.gcr,
-                                  media_relative=not args.illuminant_relative)
+                                  media_relative=args.relative == "paper")
     percent = separation.inks(lab).astype(np.float64) * (100.0 / 255.0)
     np.savetxt(sys.stdout, percent, fmt="%.2f", delimiter=",")

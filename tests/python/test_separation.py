@@ -209,11 +209,26 @@ def test_cli_writes_ink_percent(tmp_path, press):
     assert percent.shape == (3, 4)
     expect = kelma.Separation(press).inks([[50, 0, 0], [60, 70, 40], [20, 0, 0]]) * (100 / 255)
     assert np.allclose(percent, expect, atol=0.005)
+    # Relative to the illuminant's white when asked: the paper is no longer white.
+    r = run(colours, "--relative", "illuminant")
+    assert r.returncode == 0, r.stderr
+    expect = kelma.Separation(press, media_relative=False).inks([[50, 0, 0], [60, 70, 40], [20, 0, 0]]) * (100 / 255)
+    assert np.allclose(np.loadtxt(r.stdout.splitlines(), delimiter=","), expect, atol=0.005)
     # Limits and black generation from the options.
     r = run(colours, "--tac", 200, "--max-black", 40, "--gcr", 100)
     assert r.returncode == 0, r.stderr
     percent = np.loadtxt(r.stdout.splitlines(), delimiter=",")
     assert np.all(percent.sum(axis=1) <= 200.001) and np.all(percent[:, 3] <= 40.001)
+
+
+def reseal(content):
+    """The model file's FNV-1a checksum recomputed for altered content."""
+    at = content.rindex(b"checksum fnv1a64 ")
+    h = 14695981039346656037
+    for byte in content[:at]:
+        h = ((h ^ byte) * 1099511628211) & 0xFFFFFFFFFFFFFFFF
+    end = content.index(b"\n", at)
+    return content[:at] + b"checksum fnv1a64 %016x" % h + content[end:]
 
 
 def test_cli_errors(tmp_path):
@@ -229,7 +244,9 @@ def test_cli_errors(tmp_path):
     short.write_text("50,0\n")
     failed_cleanly(run(short), "line 1", "three")
     failed_cleanly(run(tmp_path / "missing.csv"), "does not exist")
-    model = tmp_path / "five.npz"
-    np.savez(model, grid=np.tile([0.0, 255.0], (5, 1)), ramps=np.tile(np.linspace(0, 1, 256), (5, 1)),
-             scheme=np.ones(31 * 32), n=2.0)
-    failed_cleanly(run(good, "--model", model), "4, 6 or 7 inks")
+    # A model file of 5 inks: the reader refuses it with the line.
+    press = tmp_path / "press.kelma"
+    kelma.default_press_model().save(str(press))
+    five = tmp_path / "five.kelma"
+    five.write_bytes(reseal(press.read_bytes().replace(b"\ninks 4\n", b"\ninks 5\n")))
+    failed_cleanly(run(good, "--model", five), "4, 6 or 7")
