@@ -34,3 +34,4 @@
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"
 #include "kelma/modelfile/ZKSModelFile.h"
+#include "kelma/separation/ZKCSeparation.h"
