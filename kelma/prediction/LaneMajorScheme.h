@@ -1,0 +1,35 @@
+// The model's coefficient blocks rearranged with the wavelengths across
+// vector lanes, for the AVX2 and AVX-512 prediction kernels (CellSums_AVX2.h,
+// CellSums_AVX512.h). Internal; a prediction driver builds one for its model
+// copy when the batch is large enough to pay for it.
+//
+// Layout: for cell q and corner j (0 .. 2^N - 1), one row of 32 floats at
+// (q 2^N + j) 32: the coefficients of wavelengths 0..30 and 0.0 in slot 31.
+// Rows start on 64-byte boundaries, so a row is two aligned 16-float vectors
+// (or four 8-float vectors). The model's own layout is wavelength-major inside
+// a cell ((q 31 + w) 2^N + j); both hold the same floats.
+#pragma once
+
+#include "kelma/common/AlignedBuffer.h"
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
+
+namespace KELMA_NAMESPACE {
+
+constexpr unsigned int kLaneRow = 32;  // floats per (cell, corner) row
+
+class ZKCLaneMajorScheme {
+public:
+    // The kernels read 31 wavelengths per cell, whatever the model's K.
+    explicit ZKCLaneMajorScheme(const ZKCSSE_KELMA_Data& data);
+
+    const float* Rows() const { return rows_.data(); }
+
+    // Whether building it pays off for `count` samples: the copy touches every
+    // cell once, the kernels then save a few nanoseconds per sample.
+    static bool Worthwhile(const ZKCSSE_KELMA_Data& data, unsigned long count);
+
+private:
+    AlignedBuffer<float, 64> rows_;
+};
+
+}  // namespace KELMA_NAMESPACE
