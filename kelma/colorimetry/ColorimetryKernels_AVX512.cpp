@@ -230,33 +230,60 @@ KELMA_TARGET_AVX512 void XYZToLabBytesWithMargins_AVX512(unsigned int n, const d
 
 KELMA_TARGET_AVX512 void SpectraToXYZ_AVX512(const float* weights, unsigned int n, const float* factor,
                                              const float* spectra, unsigned int count, float* xyz) {
-    // Dot k (k = 0 .. 3 n count - 1) is spectrum k / 3n with row r = k mod 3n,
-    // row r being at weights + 32 r; the output is the dots in order.
+    // The 3n rows of a sample go in quads of four (the last one padded with
+    // zero rows); quad q of sample s is one call of QuadDots_AVX512, and four
+    // quads at a time finish their lane sums together (SpectralDot_AVX512.h).
     const unsigned int rows = 3 * n;
-    const std::size_t dots = std::size_t{count} * rows;
-    std::size_t k = 0;
+    const unsigned int Q = (rows + 3) / 4;
+    AlignedBuffer<float, 64> quadWeights(std::size_t{Q} * 8 * 16);
+    AlignedBuffer<float, 64> quadFactor(std::size_t{Q} * 4);
+    std::vector<__mmask16> quadValid(Q);
+    for (unsigned int q = 0; q < Q; ++q) {
+        quadValid[q] = 0;
+        for (unsigned int j = 0; j < 4; ++j) {
+            const unsigned int r = 4 * q + j;
+            if (r < rows) quadValid[q] = static_cast<__mmask16>(quadValid[q] | (1u << j));
+            quadFactor[4 * q + j] = r < rows && factor != nullptr ? factor[r] : 1.0f;
+            for (unsigned int k = 0; k < 8; ++k)
+                for (unsigned int l = 0; l < 4; ++l)
+                    quadWeights[(std::size_t{q} * 8 + k) * 16 + 4 * j + l] =
+                        r < rows ? weights[std::size_t{kSpectrumStride} * r + 4 * k + l] : 0.0f;
+        }
+    }
+    // Result lane 4 j + k (row j of quad k) to position 4 k + j.
+    const __m512i toQuadMajor = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const std::size_t quads = std::size_t{count} * Q;
     const float* s = spectra;
-    unsigned int r = 0;
-    for (; k + 16 <= dots; k += 16) {
-        const float* sp[16];
-        const float* wp[16];
+    unsigned int q = 0;
+    std::size_t g = 0;
+    for (; g + 4 <= quads; g += 4) {
+        __m512 V[4];
         alignas(64) float f[16];
-        for (int d = 0; d < 16; ++d) {
-            sp[d] = s;
-            wp[d] = weights + std::size_t{kSpectrumStride} * r;
-            f[d] = factor != nullptr ? factor[r] : 1.0f;
-            if (++r == rows) {
-                r = 0;
+        __mmask16 valid = 0;
+        for (int k = 0; k < 4; ++k) {
+            V[k] = QuadDots_AVX512(s, quadWeights.data() + std::size_t{q} * 128);
+            for (int j = 0; j < 4; ++j) f[4 * k + j] = quadFactor[4 * q + j];
+            valid = static_cast<__mmask16>(valid | (quadValid[q] << (4 * k)));
+            if (++q == Q) {
+                q = 0;
                 s += kSpectrumStride;
             }
         }
-        _mm512_storeu_ps(xyz + k, _mm512_mul_ps(SpectralDot16_AVX512(sp, wp), _mm512_load_ps(f)));
+        const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)),
+                                          _mm512_load_ps(f));
+        const unsigned int written = static_cast<unsigned int>(__builtin_popcount(valid));
+        _mm512_mask_storeu_ps(xyz, static_cast<__mmask16>((1u << written) - 1), _mm512_maskz_compress_ps(valid, dots));
+        xyz += written;
     }
-    for (; k < dots; ++k) {
-        xyz[k] = SpectralDot_Scalar(s, weights + std::size_t{kSpectrumStride} * r) *
-                 (factor != nullptr ? factor[r] : 1.0f);
-        if (++r == rows) {
-            r = 0;
+    // The last quads through the scalar twin.
+    for (; g < quads; ++g) {
+        for (unsigned int j = 0; j < 4 && 4 * q + j < rows; ++j) {
+            const unsigned int r = 4 * q + j;
+            *xyz++ = SpectralDot_Scalar(s, weights + std::size_t{kSpectrumStride} * r) *
+                     (factor != nullptr ? factor[r] : 1.0f);
+        }
+        if (++q == Q) {
+            q = 0;
             s += kSpectrumStride;
         }
     }

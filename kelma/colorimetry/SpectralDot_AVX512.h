@@ -1,11 +1,12 @@
-// Sixteen dot products of 32-float records (spectrum x weight row) at once in
-// AVX-512, each with the scalar twin's operations (SpectralDot_Scalar.h), so
-// every result equals the twin's bit for bit:
+// Dot products of 32-float records (spectrum x weight row) in AVX-512, four
+// rows of one spectrum per vector, each with the scalar twin's operations
+// (SpectralDot_Scalar.h), so every result equals the twin's bit for bit:
 //   p_k = r_k w_k (k = 0..7, 4-lane vectors), v = ((p0+p1)+(p2+p3)) + ((p4+p5)+(p6+p7)),
 //   result = ((v0+v1)+v2)+v3.
-// A record is two 16-float vectors [p0 p1 p2 p3] and [p4 p5 p6 p7] (quarters
-// of 4 lanes); shuffles of whole quarters bring the operands of each add
-// into the same lanes, so the adds themselves are lane-wise.
+// Quarter j (4 lanes) of a vector belongs to row j: the spectrum's quarter k
+// is broadcast to all four quarters and multiplied by the four rows' quarter
+// k, so the tree over k is made of whole-vector adds. Four such vectors
+// finish their lane sums together after a 4x4 transpose inside each quarter.
 #pragma once
 
 #include <immintrin.h>
@@ -14,33 +15,20 @@
 
 namespace KELMA_NAMESPACE {
 
-// [a.q0 a.q2 b.q0 b.q2] + [a.q1 a.q3 b.q1 b.q3]: adds quarter pairs (0,1), (2,3)
-// of a and of b.
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 AddQuarterPairs_AVX512(__m512 a, __m512 b) {
-    return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(2, 0, 2, 0)),
-                         _mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+// v of four rows: quarter j is row j's v. `w` holds the quad's weights,
+// 8 x 16 floats (64-byte aligned): entry 16 k + 4 j + l is slot 4 k + l of row j.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 QuadDots_AVX512(const float* spectrum, const float* w) {
+    __m512 p[8];
+    for (int k = 0; k < 8; ++k)
+        p[k] = _mm512_mul_ps(_mm512_broadcast_f32x4(_mm_loadu_ps(spectrum + 4 * k)), _mm512_load_ps(w + 16 * k));
+    return _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(p[0], p[1]), _mm512_add_ps(p[2], p[3])),
+                         _mm512_add_ps(_mm512_add_ps(p[4], p[5]), _mm512_add_ps(p[6], p[7])));
 }
 
-// The 16 dot products of spectra s[d] with rows w[d] (d = 0..15, any
-// alignment), in lane d of the result.
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 SpectralDot16_AVX512(const float* const* s,
-                                                                           const float* const* w) {
-    // Level 1, per dot: [p0+p1, p2+p3, p4+p5, p6+p7].
-    __m512 s1[16];
-    for (int d = 0; d < 16; ++d)
-        s1[d] = AddQuarterPairs_AVX512(_mm512_mul_ps(_mm512_loadu_ps(s[d]), _mm512_loadu_ps(w[d])),
-                                       _mm512_mul_ps(_mm512_loadu_ps(s[d] + 16), _mm512_loadu_ps(w[d] + 16)));
-    // Level 2, dots d and d+4: [d0123, d4567, (d+4)0123, (d+4)4567].
-    __m512 s2[8];
-    for (int k = 0; k < 4; ++k) {
-        s2[k] = AddQuarterPairs_AVX512(s1[k], s1[k + 4]);
-        s2[4 + k] = AddQuarterPairs_AVX512(s1[k + 8], s1[k + 12]);
-    }
-    // Level 3: V_k = [v_k, v_(k+4), v_(k+8), v_(k+12)], each v a 4-lane vector.
-    __m512 V[4];
-    for (int k = 0; k < 4; ++k) V[k] = AddQuarterPairs_AVX512(s2[k], s2[4 + k]);
-    // Lanes: a 4x4 transpose inside every quarter puts lane l of v_(4j+k) at
-    // position 4j + k of row l; then ((row0 + row1) + row2) + row3.
+// The lane sums of four QuadDots results V[0..3]: lane 4 j + k of the result
+// is ((v0 + v1) + v2) + v3 of row j of V[k].
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 FinishQuads_AVX512(const __m512* V) {
+    // Inside every quarter j, row l of the transpose holds lane l of V[0..3].
     const __m512 t0 = _mm512_unpacklo_ps(V[0], V[1]);
     const __m512 t1 = _mm512_unpackhi_ps(V[0], V[1]);
     const __m512 t2 = _mm512_unpacklo_ps(V[2], V[3]);

@@ -48,14 +48,15 @@ void ZKCSSE_KELMA_Base::operator()() {
     // floats apart (the 4- and 6-ink kernels write 32) and the last one
     // reaches index valuesPerSample (the 7-ink kernel's pad).
     const std::size_t stride = std::max(spectrumStride_, kSpectrumStride);
-    if (block_.empty())
-        block_ = AlignedBuffer<float, 64>((kByteBlock - 1) * stride + std::max<std::size_t>(valuesPerSample_ + 1, stride));
+    const unsigned int block = std::min(kByteBlock, count_);
+    if (block_.empty() && block != 0)
+        block_ = AlignedBuffer<float, 64>((block - 1) * stride + std::max<std::size_t>(valuesPerSample_ + 1, stride));
     const unsigned int N = data_.NumberOfInks();
     const std::size_t bytesPerSample =
         valuesPerSample_ == kSpectralValues ? 3 * std::size_t{data_.Lighting_Matrix().IlluminantNumber()}
                                             : valuesPerSample_;
-    for (unsigned int start = 0; start < count_; start += kByteBlock) {
-        const unsigned int c = std::min(kByteBlock, count_ - start);
+    for (unsigned int start = 0; start < count_; start += block) {
+        const unsigned int c = std::min(block, count_ - start);
         CalculateSpectra(c, input_ + std::size_t{start} * N, block_.data());
         EncodeBytes(c, block_.data(), bytes_ + start * bytesPerSample);
     }

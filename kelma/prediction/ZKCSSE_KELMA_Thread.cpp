@@ -90,6 +90,43 @@ void ZKCSSE_KELMA_Thread::ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsi
     }
 }
 
+namespace {
+
+// One kernel over the whole batch, run here. Lane-major rows only when the
+// batch pays for copying the blocks (it is not the model copy the driver makes).
+void RunOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count, const unsigned char* input,
+                        float* spectra, unsigned char* bytes, bool packed, bool cielab) {
+    if (!HasKernel(data.NumberOfInks())) throw "DefaultCase";
+    if (count == 0) return;
+    const KERNEL_VARIANT variant = ActiveKernelVariant();
+    std::unique_ptr<ZKCLaneMajorScheme> lanes;
+    if (variant >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count))
+        lanes = std::make_unique<ZKCLaneMajorScheme>(data);
+    // The kernels never write their input.
+    unsigned char* in = const_cast<unsigned char*>(input);
+    std::unique_ptr<ZKCSSE_KELMA_Base> kernel =
+        MakeKernel(data, count, in, spectra, bytes, kSpectralValues, packed ? kSpectralValues : kSpectrumStride);
+    kernel->SetPackedSpectra(packed);
+    kernel->SetKernelPlan(variant, lanes ? lanes->Rows() : nullptr);
+    if (bytes != nullptr) kernel->SetInputOutput(in, bytes, cielab);
+    (*kernel)();
+}
+
+}  // namespace
+
+void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                                   const unsigned char* input, float* output,
+                                                   SPECTRUM_LAYOUT layout) {
+    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw "DefaultCase";
+    RunOnCallingThread(data, count, input, output, nullptr, layout == SPECTRUM_PACKED, false);
+}
+
+void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                                   const unsigned char* input, unsigned char* output,
+                                                   bool cielab) {
+    RunOnCallingThread(data, count, input, nullptr, output, false, cielab);
+}
+
 void ZKCSSE_KELMA_Thread::Wait() { threads_.JoinAll(kernels_.size()); }
 
 void ZKCSSE_KELMA_Thread::Init(unsigned char* input, unsigned char* output, bool cielab) {

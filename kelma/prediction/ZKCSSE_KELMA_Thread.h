@@ -63,6 +63,18 @@ public:
     // example an allocation failure), which the destructor cannot report.
     void Wait();
 
+    // The same prediction on the calling thread with the caller's model: no
+    // copy of the model, no thread. For small batches, where copying the
+    // model and starting threads cost more than the work; the results are
+    // the driver's bit for bit. Spectra in the given layout, or 3 x L
+    // colorimetric bytes per sample (CIELAB bytes when `cielab`, else
+    // LAB2000HL). A model of other than 4, 6 or 7 inks throws "DefaultCase".
+    static void CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                         const unsigned char* input, float* output,
+                                         SPECTRUM_LAYOUT layout = SPECTRUM_PADDED);
+    static void CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                         const unsigned char* input, unsigned char* output, bool cielab);
+
     unsigned int ThreadsInUse() const { return static_cast<unsigned int>(kernels_.size()); }
     // The kernel variant of every share, chosen when the driver was made.
     KERNEL_VARIANT Variant() const { return variant_; }

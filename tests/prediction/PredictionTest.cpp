@@ -214,7 +214,9 @@ TEST_P(PredictionVariant, EqualsTheScalarTwinsBitForBit) {
                                     ASSERT_TRUE(SameBits(out[s * stride + w], twin[(start + s) * 31 + w]))
                                         << inks << " inks, n " << n << ", sample " << start + s << ", w " << w
                                         << (rows ? ", lane-major" : "") << (packed ? ", packed" : "");
-                                if (!packed) ASSERT_TRUE(SameBits(out[s * stride + 31], 0.0f));
+                                if (!packed) {
+                                    ASSERT_TRUE(SameBits(out[s * stride + 31], 0.0f));
+                                }
                             }
                             for (std::size_t i = std::size_t{batch} * stride; i < out.size(); ++i)
                                 ASSERT_EQ(out[i], -3.0f);
@@ -403,4 +405,53 @@ TEST(PredictionDriver, PackedSpectraAreThePaddedOnesWithoutThePad) {
         }
         EXPECT_EQ(text, "DefaultCase");
     }
+}
+
+// The calling-thread entry runs the driver's kernels on the caller's model:
+// the same bits in every layout and encoding, for small batches and for
+// batches that build the lane-major rows, and nothing written past the output.
+TEST(PredictOnCallingThread, GivesTheDriversResultsBitForBit) {
+    ZKCObserver observer(OBSERVER_CIE1931_2);
+    ZKCIlluminant_CIED50 d50;
+    ZKCIlluminant_CIEF11 f11;
+    ZKCLighting_Matrix two(observer, std::vector<ZKCIlluminant_Base*>{&d50, &f11});
+    for (const Case& c : kCases) {
+        auto tm = MakeTestModel(c.inks, c.grid, c.n, 900 + c.inks);
+        ZKCSSE_KELMA_Data model = tm.Build(two, true);
+        for (unsigned int count : {1u, 3u, 1500u}) {
+            std::vector<unsigned char> samples = RandomSamples(count, c.inks, count + c.inks);
+            for (SPECTRUM_LAYOUT layout : {SPECTRUM_PADDED, SPECTRUM_PACKED}) {
+                const std::size_t size = std::size_t{count} * layout;
+                std::vector<float> driven(size), inline_(size + 8, -5.0f);
+                {
+                    ZKCSSE_KELMA_Thread driver(model, count, samples.data(), driven.data(), layout);
+                    driver.Wait();
+                }
+                ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, count, samples.data(), inline_.data(), layout);
+                ASSERT_EQ(0, std::memcmp(driven.data(), inline_.data(), size * sizeof(float)))
+                    << c.inks << " inks, " << count << " samples, layout " << layout;
+                for (std::size_t i = size; i < inline_.size(); ++i) ASSERT_EQ(inline_[i], -5.0f);
+            }
+            for (bool cielab : {false, true}) {
+                std::vector<unsigned char> driven(std::size_t{count} * 6), inline_(std::size_t{count} * 6 + 4, 0xAB);
+                {
+                    ZKCSSE_KELMA_Thread driver(model, count, samples.data(), driven.data(), 31, 32);
+                    driver.Init(samples.data(), driven.data(), cielab);
+                    driver.Calculate();
+                }
+                ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, count, samples.data(), inline_.data(), cielab);
+                ASSERT_EQ(driven, std::vector<unsigned char>(inline_.begin(), inline_.begin() + count * 6))
+                    << c.inks << " inks, " << count << " samples" << (cielab ? ", CIELAB" : ", LAB2000HL");
+                for (std::size_t i = driven.size(); i < inline_.size(); ++i) ASSERT_EQ(inline_[i], 0xAB);
+            }
+        }
+    }
+    auto five = MakeTestModel(5, 2, 2.0, 9).Build();
+    unsigned char sample[5] = {0, 0, 0, 0, 0};
+    float spectrum[32];
+    unsigned char bytes[3];
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Thread::CalculateOnCallingThread(five, 1, sample, spectrum); }),
+              "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Thread::CalculateOnCallingThread(five, 1, sample, bytes, false); }),
+              "DefaultCase");
 }
