@@ -26,8 +26,8 @@ struct ZKSHalves_AVX512 {
 
 // Tree over vectors [Lo, Hi) for lane L of the monomials; `rows` points at
 // the sample's cell. Each leaf multiplies both halves of its row by the
-// monomial, read by each multiply as a broadcast operand (monoLo and monoHi
-// hold the same values; two pointers keep the compiler from merging the two
+// monomial, broadcast from monoLo and from monoHi (the same values; with
+// many monomials two pointers keep the compiler from merging the two
 // broadcasts into one long-lived register per monomial, which would spill).
 template <int L, int Lo, int Hi>
 struct LaneTree_AVX512 {
@@ -69,7 +69,9 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const ZKSSSE
     const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
     const float* monoLo = &mono[0][0];
     const float* monoHi = monoLo;
-    __asm__("" : "+r"(monoHi));  // the compiler no longer knows monoHi == monoLo
+    // With 16 monomials the compiler may share each broadcast between the
+    // halves (16 registers); with more, hide that monoHi == monoLo.
+    if (NV > 4) __asm__("" : "+r"(monoHi));
     const ZKSHalves_AVX512 p0 = LaneTree_AVX512<0, 0, NV>::Sum(rows, monoLo, monoHi);
     const ZKSHalves_AVX512 p1 = LaneTree_AVX512<1, 0, NV>::Sum(rows, monoLo, monoHi);
     const ZKSHalves_AVX512 p2 = LaneTree_AVX512<2, 0, NV>::Sum(rows, monoLo, monoHi);

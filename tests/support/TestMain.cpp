@@ -2,12 +2,12 @@
 // named by --kelma_kernels=NAME or, without that argument, by the environment
 // variable KELMA_KERNELS (reference, sse2, ssse3, avx2, avx512). Every
 // dispatch made by the tests then takes at most that variant, so the whole
-// suite checks each path. CTest registers the suite once per variant through
-// the argument (tests/CMakeLists.txt).
+// suite checks each path. CTest runs every test binary once per variant
+// through the argument (tests/CMakeLists.txt).
 //
 // An unknown name is an error (exit status 2). A variant this processor
-// cannot run lists no tests (so CTest registers none for it) and, when the
-// tests are run anyway, skips every one of them with the reason.
+// cannot run lists no tests and skips every one of them when run, with the
+// reason ("this processor cannot run the NAME kernels").
 #include <gtest/gtest.h>
 
 #include <cstdio>
