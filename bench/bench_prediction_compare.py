@@ -14,7 +14,9 @@ Shapes: 4 inks (G = 5), 6 inks (G = 3), 7 inks (G = 3). Every round runs the
 numpy peer once per shape and each kelma case once (spectral output and byte
 output on one thread, spectral output on all processors), so that load from
 other processes hits both sides alike; the table shows medians over the
-rounds of the rates and of the per-round ratios:
+rounds of the rates and of the per-round ratios. The one-thread rates are
+given per wall-clock second and per CPU second of the process (the second
+stays meaningful when other processes share the processors):
     kelma / numpy        spectra, one thread each (target 4 inks >= 8x, 7 inks >= 14x)
     bytes / spectra      kelma's colorimetric-byte mode against its spectral mode (target >= 0.70)
     all / one            spectra on all processors against one (target on 2 processors >= 1.8x)
@@ -74,20 +76,27 @@ class NumpyPeer:
         self.rate()  # warm-up
 
     def rate(self):
-        start = time.perf_counter()
+        """(samples per wall-clock second, samples per CPU second)"""
+        start, cpu = time.perf_counter(), time.process_time()
         numpy_predict(self.samples, *self.model, 2.2, self.out)
-        return self.count / (time.perf_counter() - start)
+        return (self.count / (time.perf_counter() - start), self.count / (time.process_time() - cpu))
+
+
+SAMPLES_PER_ITERATION = 1 << 18  # bench_prediction.cpp
 
 
 def kelma_rates(binary):
-    """{(shape index, bytes, all processors): samples/s} from one run of each case."""
+    """{(shape index, bytes, all processors): (samples per wall-clock second,
+    samples per process CPU second)} from one run of each case."""
     out = subprocess.run(
         [binary, "--benchmark_filter=BM_Predict/inks:[0-9]/bytes:[01]/all:[01]", "--benchmark_min_time=0.2",
          "--benchmark_format=json"], check=True, capture_output=True, text=True).stdout
     rates = {}
     for b in json.loads(out)["benchmarks"]:
         args = dict(part.split(":") for part in b["name"].split("/")[1:4])
-        rates[(int(args["inks"]), int(args["bytes"]), int(args["all"]))] = b["items_per_second"]
+        cpu_seconds = b["cpu_time"] / 1000.0  # milliseconds per iteration, all threads
+        rates[(int(args["inks"]), int(args["bytes"]), int(args["all"]))] = (b["items_per_second"],
+                                                                            SAMPLES_PER_ITERATION / cpu_seconds)
         if int(args["all"]):
             rates["threads"] = int(b["label"].split(", ")[-1].split()[0])
     return rates
@@ -97,7 +106,8 @@ def main():
     if len(sys.argv) != 2:
         sys.exit("usage: bench_prediction_compare.py PATH/TO/bench_prediction")
     peers = [NumpyPeer(inks, grid) for inks, grid in SHAPES]
-    rows = {i: {"kelma": [], "numpy": [], "ratio": [], "bytes": [], "all": []} for i in range(len(SHAPES))}
+    keys = ("kelma", "numpy", "ratio", "kelma_cpu", "numpy_cpu", "ratio_cpu", "bytes", "bytes_cpu", "all")
+    rows = {i: {k: [] for k in keys} for i in range(len(SHAPES))}
     threads = 1
     for _ in range(ROUNDS):
         numpy_rates = [peer.rate() for peer in peers]
@@ -105,20 +115,29 @@ def main():
         threads = ours["threads"]
         for i in range(len(SHAPES)):
             r = rows[i]
-            r["kelma"].append(ours[(i, 0, 0)])
-            r["numpy"].append(numpy_rates[i])
-            r["ratio"].append(ours[(i, 0, 0)] / numpy_rates[i])
-            r["bytes"].append(ours[(i, 1, 0)] / ours[(i, 0, 0)])
-            r["all"].append(ours[(i, 0, 1)] / ours[(i, 0, 0)])
+            spectra, spectra_cpu = ours[(i, 0, 0)]
+            bytes_, bytes_cpu = ours[(i, 1, 0)]
+            r["kelma"].append(spectra)
+            r["kelma_cpu"].append(spectra_cpu)
+            r["numpy"].append(numpy_rates[i][0])
+            r["numpy_cpu"].append(numpy_rates[i][1])
+            r["ratio"].append(spectra / numpy_rates[i][0])
+            r["ratio_cpu"].append(spectra_cpu / numpy_rates[i][1])
+            r["bytes"].append(bytes_ / spectra)
+            r["bytes_cpu"].append(bytes_cpu / spectra_cpu)
+            r["all"].append(ours[(i, 0, 1)][0] / spectra)
     med = lambda v: float(np.median(v))
     print("medians of %d rounds; all processors = %d" % (ROUNDS, threads))
-    print("%-10s %14s %14s %13s %15s %11s" % ("inks", "kelma 1 thr", "numpy tuned", "kelma/numpy", "bytes/spectra",
-                                              "all/one"))
+    print("%-10s %-9s %12s %12s %12s %14s" % ("inks", "per", "kelma 1 thr", "numpy tuned", "kelma/numpy",
+                                             "bytes/spectra"))
     for i, (inks, grid) in enumerate(SHAPES):
         r = rows[i]
-        print("%-10s %13.2fM %13.2fM %12.1fx %15.2f %10.2fx" % (
-            "%d (G=%d)" % (inks, grid), med(r["kelma"]) / 1e6, med(r["numpy"]) / 1e6, med(r["ratio"]),
-            med(r["bytes"]), med(r["all"])))
+        for per, suffix in (("wall s", ""), ("CPU s", "_cpu")):
+            print("%-10s %-9s %11.2fM %11.2fM %11.1fx %14.2f" % (
+                "%d (G=%d)" % (inks, grid), per, med(r["kelma" + suffix]) / 1e6, med(r["numpy" + suffix]) / 1e6,
+                med(r["ratio" + suffix]), med(r["bytes" + suffix])))
+    print("spectra on %d threads / 1 thread (wall clock): %s" % (
+        threads, ", ".join("%d inks %.2fx" % (inks, med(rows[i]["all"])) for i, (inks, _) in enumerate(SHAPES))))
 
 
 if __name__ == "__main__":

@@ -17,27 +17,28 @@
 
 namespace KELMA_NAMESPACE {
 
-template <int L, int Lo, int Hi>
+template <int NV, int L, int Lo, int Hi>
 struct LaneTree_AVX2 {
     KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE static inline __m256 Sum(const float* rows, const float* mono) {
         constexpr int Mid = (Lo + Hi) / 2;
-        return _mm256_add_ps(LaneTree_AVX2<L, Lo, Mid>::Sum(rows, mono), LaneTree_AVX2<L, Mid, Hi>::Sum(rows, mono));
+        return _mm256_add_ps(LaneTree_AVX2<NV, L, Lo, Mid>::Sum(rows, mono), LaneTree_AVX2<NV, L, Mid, Hi>::Sum(rows, mono));
     }
 };
-template <int L, int I>
-struct LaneTree_AVX2<L, I, I + 1> {
+template <int NV, int L, int I>
+struct LaneTree_AVX2<NV, L, I, I + 1> {
     KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE static inline __m256 Sum(const float* rows, const float* mono) {
-        return _mm256_mul_ps(_mm256_load_ps(rows + (4 * I + L) * kLaneRow), _mm256_set1_ps(mono[4 * I + L]));
+        return _mm256_mul_ps(_mm256_load_ps(rows + LaneRowOfCorner(4 * I + L, 4 * NV) * kLaneRow),
+                             _mm256_set1_ps(mono[4 * I + L]));
     }
 };
 
 // Sums of the 8 wavelengths of one group (rows offset by 8 g floats).
 template <int NV>
 KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline __m256 GroupSums_AVX2(const float* rows, const float* mono) {
-    const __m256 p0 = LaneTree_AVX2<0, 0, NV>::Sum(rows, mono);
-    const __m256 p1 = LaneTree_AVX2<1, 0, NV>::Sum(rows, mono);
-    const __m256 p2 = LaneTree_AVX2<2, 0, NV>::Sum(rows, mono);
-    const __m256 p3 = LaneTree_AVX2<3, 0, NV>::Sum(rows, mono);
+    const __m256 p0 = LaneTree_AVX2<NV, 0, 0, NV>::Sum(rows, mono);
+    const __m256 p1 = LaneTree_AVX2<NV, 1, 0, NV>::Sum(rows, mono);
+    const __m256 p2 = LaneTree_AVX2<NV, 2, 0, NV>::Sum(rows, mono);
+    const __m256 p3 = LaneTree_AVX2<NV, 3, 0, NV>::Sum(rows, mono);
     return _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(p0, p1), p2), p3);
 }
 

@@ -29,23 +29,23 @@ struct ZKSHalves_AVX512 {
 // monomial, broadcast from monoLo and from monoHi (the same values; with
 // many monomials two pointers keep the compiler from merging the two
 // broadcasts into one long-lived register per monomial, which would spill).
-template <int L, int Lo, int Hi>
+template <int NV, int L, int Lo, int Hi>
 struct LaneTree_AVX512 {
     KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSHalves_AVX512 Sum(const float* rows,
                                                                                const float* monoLo,
                                                                                const float* monoHi) {
         constexpr int Mid = (Lo + Hi) / 2;
-        const ZKSHalves_AVX512 a = LaneTree_AVX512<L, Lo, Mid>::Sum(rows, monoLo, monoHi);
-        const ZKSHalves_AVX512 b = LaneTree_AVX512<L, Mid, Hi>::Sum(rows, monoLo, monoHi);
+        const ZKSHalves_AVX512 a = LaneTree_AVX512<NV, L, Lo, Mid>::Sum(rows, monoLo, monoHi);
+        const ZKSHalves_AVX512 b = LaneTree_AVX512<NV, L, Mid, Hi>::Sum(rows, monoLo, monoHi);
         return {_mm512_add_ps(a.lo, b.lo), _mm512_add_ps(a.hi, b.hi)};
     }
 };
-template <int L, int I>
-struct LaneTree_AVX512<L, I, I + 1> {
+template <int NV, int L, int I>
+struct LaneTree_AVX512<NV, L, I, I + 1> {
     KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSHalves_AVX512 Sum(const float* rows,
                                                                                const float* monoLo,
                                                                                const float* monoHi) {
-        const float* row = rows + (4 * I + L) * kLaneRow;
+        const float* row = rows + LaneRowOfCorner(4 * I + L, 4 * NV) * kLaneRow;
         return {_mm512_mul_ps(_mm512_load_ps(row), _mm512_set1_ps(monoLo[4 * I + L])),
                 _mm512_mul_ps(_mm512_load_ps(row + 16), _mm512_set1_ps(monoHi[4 * I + L]))};
     }
@@ -72,10 +72,10 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const ZKSSSE
     // With 16 monomials the compiler may share each broadcast between the
     // halves (16 registers); with more, hide that monoHi == monoLo.
     if (NV > 4) __asm__("" : "+r"(monoHi));
-    const ZKSHalves_AVX512 p0 = LaneTree_AVX512<0, 0, NV>::Sum(rows, monoLo, monoHi);
-    const ZKSHalves_AVX512 p1 = LaneTree_AVX512<1, 0, NV>::Sum(rows, monoLo, monoHi);
-    const ZKSHalves_AVX512 p2 = LaneTree_AVX512<2, 0, NV>::Sum(rows, monoLo, monoHi);
-    const ZKSHalves_AVX512 p3 = LaneTree_AVX512<3, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p0 = LaneTree_AVX512<NV, 0, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p1 = LaneTree_AVX512<NV, 1, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p2 = LaneTree_AVX512<NV, 2, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p3 = LaneTree_AVX512<NV, 3, 0, NV>::Sum(rows, monoLo, monoHi);
     *lo = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(p0.lo, p1.lo), p2.lo), p3.lo);
     *hi = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(p0.hi, p1.hi), p2.hi), p3.hi);
 }

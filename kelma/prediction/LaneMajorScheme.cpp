@@ -18,8 +18,10 @@ ZKCLaneMajorScheme::ZKCLaneMajorScheme(const ZKCSSE_KELMA_Data& data) {
     const float* scheme = data.MatrixScheme();
     for (std::size_t q = 0; q < cells; ++q) {
         const float* block = scheme + q * kSpectralValues * corners;
-        float* out = rows_.data() + q * corners * kLaneRow;
-        for (std::size_t j = 0; j < corners; ++j, out += kLaneRow) {
+        float* cell = rows_.data() + q * corners * kLaneRow;
+        for (std::size_t j = 0; j < corners; ++j) {
+            float* out = cell + std::size_t{LaneRowOfCorner(static_cast<unsigned int>(j),
+                                                            static_cast<unsigned int>(corners))} * kLaneRow;
             for (unsigned int w = 0; w < kSpectralValues; ++w) out[w] = block[w * corners + j];
             out[kSpectralValues] = 0.0f;
         }

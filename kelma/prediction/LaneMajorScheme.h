@@ -3,9 +3,12 @@
 // CellSums_AVX512.h). Internal; a prediction driver builds one for its model
 // copy when the batch is large enough to pay for it.
 //
-// Layout: for cell q and corner j (0 .. 2^N - 1), one row of 32 floats at
-// (q 2^N + j) 32: the coefficients of wavelengths 0..30 and 0.0 in slot 31.
-// Rows start on 64-byte boundaries, so a row is two aligned 16-float vectors
+// Layout: for cell q and corner j (0 .. 2^N - 1), one row of 32 floats: the
+// coefficients of wavelengths 0..30 and 0.0 in slot 31. Inside a cell the
+// rows are in the order the kernels read them: corner j = 4 i + l is row
+// l 2^N / 4 + i (all corners of lane 0 of the monomial vectors, then lane 1,
+// ...), so a sample's cell is read front to back. Row r of cell q starts at
+// (q 2^N + r) 32 floats, on a 64-byte boundary: two aligned 16-float vectors
 // (or four 8-float vectors). The model's own layout is wavelength-major inside
 // a cell ((q 31 + w) 2^N + j); both hold the same floats.
 #pragma once
@@ -16,6 +19,11 @@
 namespace KELMA_NAMESPACE {
 
 constexpr unsigned int kLaneRow = 32;  // floats per (cell, corner) row
+
+// Row of corner 4 i + l inside a cell of `corners` corners.
+constexpr unsigned int LaneRowOfCorner(unsigned int corner, unsigned int corners) {
+    return (corner % 4) * (corners / 4) + corner / 4;
+}
 
 class ZKCLaneMajorScheme {
 public:
