@@ -28,11 +28,11 @@ ZKCLaneMajorScheme::ZKCLaneMajorScheme(const ZKCSSE_KELMA_Data& data) {
     }
 }
 
-bool ZKCLaneMajorScheme::Worthwhile(const ZKCSSE_KELMA_Data& data, unsigned long count) {
+bool ZKCLaneMajorScheme::Worthwhile(const ZKCSSE_KELMA_Data& data, unsigned long count, unsigned int threads) {
     const unsigned int N = data.NumberOfInks();
     if (data.NumberOfSpectralValues() != kSpectralValues || (N != 4 && N != 6 && N != 7)) return false;
-    // Copying a cell costs about as much as predicting one sample in it.
-    return count >= 2 * CellCount(data);
+    const std::size_t floats = (CellCount(data) << N) * kLaneRow;
+    return count / (threads == 0 ? 1 : threads) >= floats / 64;
 }
 
 }  // namespace KELMA_NAMESPACE

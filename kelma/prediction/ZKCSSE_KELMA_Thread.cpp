@@ -76,7 +76,7 @@ void ZKCSSE_KELMA_Thread::ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsi
     // One choice of kernels for every share and every later Calculate.
     variant_ = ActiveKernelVariant();
     laneScheme_.reset();
-    if (variant_ >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count))
+    if (variant_ >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count, static_cast<unsigned int>(shares.size())))
         laneScheme_ = std::make_unique<ZKCLaneMajorScheme>(data);
     for (std::size_t i = 0; i < shares.size(); ++i) {
         const ZKSWorkShare& share = shares[i];
@@ -100,7 +100,7 @@ void RunOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count, const
     if (count == 0) return;
     const KERNEL_VARIANT variant = ActiveKernelVariant();
     std::unique_ptr<ZKCLaneMajorScheme> lanes;
-    if (variant >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count))
+    if (variant >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count, 1))
         lanes = std::make_unique<ZKCLaneMajorScheme>(data);
     // The kernels never write their input.
     unsigned char* in = const_cast<unsigned char*>(input);

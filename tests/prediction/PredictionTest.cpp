@@ -232,10 +232,13 @@ TEST_P(PredictionVariant, EqualsTheScalarTwinsBitForBit) {
 // batch large enough for the lane-major rows and on one too small for them.
 TEST_P(PredictionVariant, DriverResultsDoNotDependOnTheVariant) {
     ScopedKernelCap cap(GetParam());
+    ScopedCPUCount one(1);
     for (const Case& c : kCases) {
         auto tm = MakeTestModel(c.inks, c.grid, c.n, 800 + c.inks);
         ZKCSSE_KELMA_Data model = tm.Build();
-        for (unsigned int count : {1200u, 7u}) {
+        ASSERT_TRUE(ZKCLaneMajorScheme::Worthwhile(model, 9000, 1));
+        ASSERT_FALSE(ZKCLaneMajorScheme::Worthwhile(model, 7, 1));
+        for (unsigned int count : {9000u, 7u}) {
             std::vector<unsigned char> samples = RandomSamples(count, c.inks, count);
             const std::vector<float> twin = TwinSpectra(model, samples);
             AlignedBuffer<float> out(std::size_t{count} * 32);
@@ -418,7 +421,9 @@ TEST(PredictOnCallingThread, GivesTheDriversResultsBitForBit) {
     for (const Case& c : kCases) {
         auto tm = MakeTestModel(c.inks, c.grid, c.n, 900 + c.inks);
         ZKCSSE_KELMA_Data model = tm.Build(two, true);
-        for (unsigned int count : {1u, 3u, 1500u}) {
+        // 9000 samples: lane-major rows on the calling thread; the driver's
+        // shares build them only when each share is large enough.
+        for (unsigned int count : {1u, 3u, 9000u}) {
             std::vector<unsigned char> samples = RandomSamples(count, c.inks, count + c.inks);
             for (SPECTRUM_LAYOUT layout : {SPECTRUM_PADDED, SPECTRUM_PACKED}) {
                 const std::size_t size = std::size_t{count} * layout;
