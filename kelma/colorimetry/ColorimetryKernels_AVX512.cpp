@@ -188,11 +188,6 @@ KELMA_TARGET_AVX512 void LabBytes8_AVX512(const float* xyz, unsigned int count, 
     }
 }
 
-KELMA_TARGET_AVX512 void XYZToLabBytes_AVX512(unsigned int n, const double* inverseWhite, const float* xyz,
-                                              unsigned int count, bool cielab, unsigned char* out) {
-    XYZToLabBytesWithMargins_AVX512(n, inverseWhite, xyz, count, cielab, out, LabMargins());
-}
-
 KELMA_TARGET_AVX512 void CubeRoots_AVX512(const double* in, double* out, unsigned int count) {
     unsigned int i = 0;
     for (; i + 8 <= count; i += 8) _mm512_storeu_pd(out + i, CubeRoot8_AVX512(_mm512_loadu_pd(in + i)));
@@ -202,82 +197,55 @@ KELMA_TARGET_AVX512 void CubeRoots_AVX512(const double* in, double* out, unsigne
     }
 }
 
-KELMA_TARGET_AVX512 void XYZToLabBytesWithMargins_AVX512(unsigned int n, const double* inverseWhite,
-                                                         const float* xyz, unsigned int count, bool cielab,
-                                                         unsigned char* out, const ZKSLabMargins& margins) {
+KELMA_TARGET_AVX512 void XYZToLabBytes_AVX512(const ZKSWhiteLanes& lanes, const double* inverseWhite,
+                                              const float* xyz, unsigned int count, bool cielab,
+                                              unsigned char* out, const ZKSLabMargins& margins) {
+    const unsigned int n = lanes.n;
     if (n == 0 || count == 0) return;
-    // Group g holds triples 8 g .. 8 g + 7; lane l's illuminant is
-    // (8 g + l) mod n, which repeats with g mod n: one set of lane vectors per phase.
-    // lanes: per phase, 8 values of 1/Xn, then of 1/Yn, then of 1/Zn.
-    AlignedBuffer<double, 64> lanes(24 * std::size_t{n});
-    std::vector<unsigned int> laneIlluminant(8 * std::size_t{n});
-    for (unsigned int phase = 0; phase < n; ++phase) {
-        for (unsigned int l = 0; l < 8; ++l) {
-            const unsigned int j = (8 * phase + l) % n;
-            laneIlluminant[8 * phase + l] = j;
-            for (int c = 0; c < 3; ++c) lanes[24 * phase + 8 * c + l] = inverseWhite[3 * j + c];
-        }
-    }
     const std::size_t triples = std::size_t{count} * n;
     unsigned int phase = 0;
     for (std::size_t g = 0; g < triples; g += 8, xyz += 24, out += 24) {
         const unsigned int c = static_cast<unsigned int>(std::min<std::size_t>(8, triples - g));
-        LabBytes8_AVX512(xyz, c, lanes.data() + 24 * phase, inverseWhite, &laneIlluminant[8 * phase], cielab, out,
-                         &margins);
+        LabBytes8_AVX512(xyz, c, lanes.lanes.data() + 24 * phase, inverseWhite, &lanes.illuminant[8 * phase], cielab,
+                         out, &margins);
         if (++phase == n) phase = 0;
     }
 }
 
-KELMA_TARGET_AVX512 void SpectraToXYZ_AVX512(const float* weights, unsigned int n, const float* factor,
+KELMA_TARGET_AVX512 void SpectraToXYZ_AVX512(const ZKSQuadRows& quads, const float* weights, const float* factor,
                                              const float* spectra, unsigned int count, float* xyz) {
-    // The 3n rows of a sample go in quads of four (the last one padded with
-    // zero rows); quad q of sample s is one call of QuadDots_AVX512, and four
-    // quads at a time finish their lane sums together (SpectralDot_AVX512.h).
-    const unsigned int rows = 3 * n;
-    const unsigned int Q = (rows + 3) / 4;
-    AlignedBuffer<float, 64> quadWeights(std::size_t{Q} * 8 * 16);
-    AlignedBuffer<float, 64> quadFactor(std::size_t{Q} * 4);
-    std::vector<__mmask16> quadValid(Q);
-    for (unsigned int q = 0; q < Q; ++q) {
-        quadValid[q] = 0;
-        for (unsigned int j = 0; j < 4; ++j) {
-            const unsigned int r = 4 * q + j;
-            if (r < rows) quadValid[q] = static_cast<__mmask16>(quadValid[q] | (1u << j));
-            quadFactor[4 * q + j] = r < rows && factor != nullptr ? factor[r] : 1.0f;
-            for (unsigned int k = 0; k < 8; ++k)
-                for (unsigned int l = 0; l < 4; ++l)
-                    quadWeights[(std::size_t{q} * 8 + k) * 16 + 4 * j + l] =
-                        r < rows ? weights[std::size_t{kSpectrumStride} * r + 4 * k + l] : 0.0f;
-        }
-    }
+    // Quad q of sample s is one call of QuadDots_AVX512; four quads at a time
+    // finish their lane sums together and their existing rows are stored in
+    // order (sample-major, then illuminant, then X, Y, Z).
+    const unsigned int Q = quads.quads;
     // Result lane 4 j + k (row j of quad k) to position 4 k + j.
     const __m512i toQuadMajor = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-    const std::size_t quads = std::size_t{count} * Q;
+    const std::size_t total = std::size_t{count} * Q;
     const float* s = spectra;
     unsigned int q = 0;
     std::size_t g = 0;
-    for (; g + 4 <= quads; g += 4) {
+    for (; g + 4 <= total; g += 4) {
         __m512 V[4];
-        alignas(64) float f[16];
-        __mmask16 valid = 0;
+        __m512 f = _mm512_undefined_ps();
+        unsigned int valid = 0;
         for (int k = 0; k < 4; ++k) {
-            V[k] = QuadDots_AVX512(s, quadWeights.data() + std::size_t{q} * 128);
-            for (int j = 0; j < 4; ++j) f[4 * k + j] = quadFactor[4 * q + j];
-            valid = static_cast<__mmask16>(valid | (quadValid[q] << (4 * k)));
+            V[k] = QuadDots_AVX512(s, quads.weights.data() + std::size_t{q} * 128);
+            f = _mm512_insertf32x4(f, _mm_load_ps(quads.factor.data() + 4 * q), k);
+            valid |= static_cast<unsigned int>(quads.valid[q]) << (4 * k);
             if (++q == Q) {
                 q = 0;
                 s += kSpectrumStride;
             }
         }
-        const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)),
-                                          _mm512_load_ps(f));
+        const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)), f);
         const unsigned int written = static_cast<unsigned int>(__builtin_popcount(valid));
-        _mm512_mask_storeu_ps(xyz, static_cast<__mmask16>((1u << written) - 1), _mm512_maskz_compress_ps(valid, dots));
+        _mm512_mask_storeu_ps(xyz, static_cast<__mmask16>((1u << written) - 1),
+                              _mm512_maskz_compress_ps(static_cast<__mmask16>(valid), dots));
         xyz += written;
     }
     // The last quads through the scalar twin.
-    for (; g < quads; ++g) {
-        for (unsigned int j = 0; j < 4 && 4 * q + j < rows; ++j) {
+    for (; g < total; ++g) {
+        for (unsigned int j = 0; j < 4 && 4 * q + j < quads.rows; ++j) {
             const unsigned int r = 4 * q + j;
             *xyz++ = SpectralDot_Scalar(s, weights + std::size_t{kSpectrumStride} * r) *
                      (factor != nullptr ? factor[r] : 1.0f);

@@ -74,12 +74,6 @@ void LabBytes8_AVX512(const float* xyz, unsigned int count, const double* invers
                       const double* inverseWhite, const unsigned int* laneIlluminant, bool cielab,
                       unsigned char* out, const ZKSLabMargins* margins = nullptr);
 
-// XYZToLabBytes_AVX512 with chosen margins (wider margins send more triples
-// to the twin; the tests use them to check that path).
-void XYZToLabBytesWithMargins_AVX512(unsigned int n, const double* inverseWhite, const float* xyz,
-                                     unsigned int count, bool cielab, unsigned char* out,
-                                     const ZKSLabMargins& margins);
-
 // out[i] = CubeRoot8_AVX512(in[i]), for measuring its error.
 void CubeRoots_AVX512(const double* in, double* out, unsigned int count);
 

@@ -68,21 +68,23 @@ void ZKCSSE_KELMA_Base::CalculateColorimetry(const ZKCSSE_KELMA_Data& data, unsi
     const unsigned int L = matrix.IlluminantNumber();
     if (colorimetryModel_ != &data) {
         // Once per kernel and model: the media-relative factor (a model
-        // without a paper white, K other than 31, stays illuminant-relative)
-        // and the inverse illuminant white.
-        mediaFactor_.clear();
+        // without a paper white, K other than 31, stays illuminant-relative),
+        // the inverse illuminant white, and the tables of the kernel's variant.
+        std::vector<float> factor;
         if (data.IsMediaRelative() && data.MediaWhitePoint().Values().size() >= 3 * std::size_t{L})
-            matrix.GetMediaRelativeTransformFactor(mediaFactor_, data.MediaWhitePoint());
+            matrix.GetMediaRelativeTransformFactor(factor, data.MediaWhitePoint());
         const ZKCWhitePoint white(matrix);
-        inverseWhite_.resize(white.Values().size());
-        for (std::size_t i = 0; i < inverseWhite_.size(); ++i)
-            inverseWhite_[i] = 1.0 / static_cast<double>(white.Values()[i]);
+        std::vector<double> inverseWhite(white.Values().size());
+        for (std::size_t i = 0; i < inverseWhite.size(); ++i)
+            inverseWhite[i] = 1.0 / static_cast<double>(white.Values()[i]);
+        colorimetry_ = std::make_unique<ZKCColorimetryPlan>(variant_, matrix.Weights(), L,
+                                                            factor.empty() ? nullptr : factor.data(),
+                                                            inverseWhite.data());
         colorimetryModel_ = &data;
     }
     xyz_.resize(3 * std::size_t{L} * count);
-    SpectraToXYZ(variant_, matrix.Weights(), L, mediaFactor_.empty() ? nullptr : mediaFactor_.data(), spectra, count,
-                 xyz_.data());
-    XYZToLabBytes(variant_, L, inverseWhite_.data(), xyz_.data(), count, cielab_, bytes);
+    colorimetry_->SpectraToXYZ(spectra, count, xyz_.data());
+    colorimetry_->XYZToLabBytes(xyz_.data(), count, cielab_, bytes);
 }
 
 void ZKCSSE_KELMA_Base::SpectraToBytes(unsigned int count, const float* spectra, unsigned char* bytes) {

@@ -2,8 +2,10 @@
 // Internal: the driver makes one kernel per share and runs it on a thread.
 #pragma once
 
+#include <memory>
 #include <vector>
 
+#include "kelma/colorimetry/ColorimetryKernels.h"
 #include "kelma/common/AlignedBuffer.h"
 #include "kelma/common/KernelVariant.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
@@ -73,11 +75,10 @@ protected:
     // Byte mode: one block of spectra, allocated and first touched on the
     // worker's thread, reused by later runs.
     AlignedBuffer<float, 64> block_;
-    // Colorimetric bytes: the model they were prepared for, its media-relative
-    // factor (empty: none), inverse illuminant white and an XYZ scratch.
+    // Colorimetric bytes: the model they were prepared for, the colorimetry
+    // tables for it (factor, white, the variant's layouts) and an XYZ scratch.
     const ZKCSSE_KELMA_Data* colorimetryModel_ = nullptr;
-    std::vector<float> mediaFactor_;
-    std::vector<double> inverseWhite_;
+    std::unique_ptr<ZKCColorimetryPlan> colorimetry_;
     std::vector<float> xyz_;
 };
 
