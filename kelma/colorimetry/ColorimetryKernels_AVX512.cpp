@@ -1,6 +1,6 @@
-// The AVX-512 loops of the lighting matrix: sixteen dot products per step
-// (SpectralDot_AVX512.h) and eight colour-byte triples per step
-// (LabBytes_AVX512.h).
+// The AVX-512 loops of the lighting matrix: four rows of one spectrum per
+// vector, sixteen dot products finished per step (SpectralDot_AVX512.h), and
+// eight colour-byte triples per step (LabBytes_AVX512.h).
 // GCC 12 warns about the intrinsics' own "undefined vector" idiom when they
 // are inlined (a false positive); nothing in this file reads uninitialised data.
 #pragma GCC diagnostic ignored "-Wuninitialized"
@@ -226,18 +226,18 @@ KELMA_TARGET_AVX512 void SpectraToXYZ_AVX512(const ZKSQuadRows& quads, const flo
     std::size_t g = 0;
     for (; g + 4 <= total; g += 4) {
         __m512 V[4];
-        __m512 f = _mm512_undefined_ps();
+        alignas(64) float f[16];
         unsigned int valid = 0;
         for (int k = 0; k < 4; ++k) {
             V[k] = QuadDots_AVX512(s, quads.weights.data() + std::size_t{q} * 128);
-            f = _mm512_insertf32x4(f, _mm_load_ps(quads.factor.data() + 4 * q), k);
+            _mm_store_ps(f + 4 * k, _mm_load_ps(quads.factor.data() + 4 * q));
             valid |= static_cast<unsigned int>(quads.valid[q]) << (4 * k);
             if (++q == Q) {
                 q = 0;
                 s += kSpectrumStride;
             }
         }
-        const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)), f);
+        const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)), _mm512_load_ps(f));
         const unsigned int written = static_cast<unsigned int>(__builtin_popcount(valid));
         _mm512_mask_storeu_ps(xyz, static_cast<__mmask16>((1u << written) - 1),
                               _mm512_maskz_compress_ps(static_cast<__mmask16>(valid), dots));
