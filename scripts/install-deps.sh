@@ -4,13 +4,27 @@
 # touched when something is missing. Needs root (or sudo) on Debian 12.
 set -euo pipefail
 
+# Every package a build step, a test or a front end imports, by name.
 PACKAGES=(
-  cmake ninja-build g++ pkg-config
+  # the library and its tests
+  cmake ninja-build g++ pkg-config binutils
   libboost-thread-dev libboost-dev
   libgtest-dev libbenchmark-dev
-  liblcms2-dev
+  liblcms2-dev libeigen3-dev
+  # fuzzing (clang's libFuzzer)
+  clang libclang-rt-dev
+  # Octave front end (MEX files, .m files)
   octave liboctave-dev
-  python3-pybind11 python3-numpy python3-pytest python3-scipy python3-matplotlib
+  # Python front end: the extension and its build, the kelma package
+  python3-dev python3-pybind11 python3-numpy
+  # pip install . --no-build-isolation (setuptools drives CMake), venvs
+  python3-setuptools python3-wheel python3-pip python3-venv
+  # kelma.dask
+  python3-dask python3-distributed
+  # the command line: plots (matplotlib) and CMYK TIFF/JPEG images (Pillow)
+  python3-matplotlib python3-pil
+  # tests and benchmarks
+  python3-pytest python3-scipy
 )
 
 missing=()

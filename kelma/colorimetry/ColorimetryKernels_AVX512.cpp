@@ -46,12 +46,12 @@ const ZKSLabMargins& LabMargins() {
         const double e = kCubeRootError;
         const double noise = 1e-9;
         ZKSLabMargins m;
-        m.cielab[0] = 4.0 * 2.55 * 116.0 * e + noise;
+        m.cielab[0] = 4.0 * kCIELABByteScaleL * 116.0 * e + noise;
         m.cielab[1] = 4.0 * 1000.0 * e + noise;
         m.cielab[2] = 4.0 * 400.0 * e + noise;
-        m.lab2000hl[0] = 4.0 * 3.3931 * sL * 116.0 * e + noise;
-        m.lab2000hl[1] = 4.0 * 2.6771 * (sAa * 1000.0 + sAb * 400.0) * e + noise;
-        m.lab2000hl[2] = 4.0 * 2.6771 * (sBa * 1000.0 + sBb * 400.0) * e + noise;
+        m.lab2000hl[0] = 4.0 * kLab2000hlByteScaleL * sL * 116.0 * e + noise;
+        m.lab2000hl[1] = 4.0 * kLab2000hlByteScaleAB * (sAa * 1000.0 + sAb * 400.0) * e + noise;
+        m.lab2000hl[2] = 4.0 * kLab2000hlByteScaleAB * (sBa * 1000.0 + sBb * 400.0) * e + noise;
         return m;
     }();
     return margins;
@@ -87,11 +87,12 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __mmask8 NearBoundary(__m512d v, 
 // f(t) of the twin, the cube root taken by CubeRoot8_AVX512. `cube` collects
 // the lanes that used it, `twin` those that must take the twin instead.
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512d LabF(__m512d t, __mmask8* cube, __mmask8* twin) {
-    const __mmask8 big = _mm512_cmp_pd_mask(t, _mm512_set1_pd(kLabEpsilon), _CMP_GT_OQ);
+    const __mmask8 big = _mm512_cmp_pd_mask(t, _mm512_set1_pd(kCIELABEncodingEpsilon), _CMP_GT_OQ);
     const __mmask8 inRange = _mm512_cmp_pd_mask(t, _mm512_set1_pd(kCubeRootMaxT), _CMP_LE_OQ);
     *cube |= big;
     *twin |= big & static_cast<__mmask8>(~inRange);
-    const __m512d linear = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(7.787), t), _mm512_set1_pd(kSixteenOver116));
+    const __m512d linear =
+        _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(kCIELABEncodingSlope), t), _mm512_set1_pd(kSixteenOver116));
     // Lanes that take neither branch's fast form get a harmless 1.0 root.
     const __m512d root = CubeRoot8_AVX512(_mm512_mask_blend_pd(big & inRange, _mm512_set1_pd(1.0), t));
     return _mm512_mask_blend_pd(big, linear, root);
@@ -122,8 +123,8 @@ KELMA_TARGET_AVX512 void LabBytes8_AVX512(const float* xyz, unsigned int count, 
     const __m512d fX = LabF(t[0], &cube, &twin);
     const __m512d fY = LabF(t[1], &cube, &twin);
     const __m512d fZ = LabF(t[2], &cube, &twin);
-    const __mmask8 bigY = _mm512_cmp_pd_mask(t[1], _mm512_set1_pd(kLabEpsilon), _CMP_GT_OQ);
-    const __m512d L = _mm512_mask_blend_pd(bigY, _mm512_mul_pd(_mm512_set1_pd(903.3), t[1]),
+    const __mmask8 bigY = _mm512_cmp_pd_mask(t[1], _mm512_set1_pd(kCIELABEncodingEpsilon), _CMP_GT_OQ);
+    const __m512d L = _mm512_mask_blend_pd(bigY, _mm512_mul_pd(_mm512_set1_pd(kCIELABEncodingKappa), t[1]),
                                            _mm512_sub_pd(_mm512_mul_pd(_mm512_set1_pd(116.0), fY), _mm512_set1_pd(16.0)));
     const __m512d a = _mm512_mul_pd(_mm512_set1_pd(500.0), _mm512_sub_pd(fX, fY));
     const __m512d b = _mm512_mul_pd(_mm512_set1_pd(200.0), _mm512_sub_pd(fY, fZ));
@@ -131,9 +132,9 @@ KELMA_TARGET_AVX512 void LabBytes8_AVX512(const float* xyz, unsigned int count, 
     __m512d v[3];
     const double* margin;
     if (cielab) {
-        v[0] = _mm512_mul_pd(_mm512_set1_pd(2.55), L);
-        v[1] = _mm512_add_pd(a, _mm512_set1_pd(128.0));
-        v[2] = _mm512_add_pd(b, _mm512_set1_pd(128.0));
+        v[0] = _mm512_mul_pd(_mm512_set1_pd(kCIELABByteScaleL), L);
+        v[1] = _mm512_add_pd(a, _mm512_set1_pd(kCIELABByteOffsetAB));
+        v[2] = _mm512_add_pd(b, _mm512_set1_pd(kCIELABByteOffsetAB));
         margin = (margins != nullptr ? *margins : LabMargins()).cielab;
     } else {
         // LAB2LAB2000HL: L linear in the 0.01 steps, a and b bilinear.
@@ -168,9 +169,11 @@ KELMA_TARGET_AVX512 void LabBytes8_AVX512(const float* xyz, unsigned int count, 
                                                  _mm512_mul_pd(w01, Gather(T, k257))),
                                    _mm512_mul_pd(w11, Gather(T, k258)));
         }
-        v[0] = _mm512_mul_pd(_mm512_set1_pd(3.3931), lhl0);
-        v[1] = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(2.6771), lhl[0]), _mm512_set1_pd(128.0));
-        v[2] = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(2.6771), lhl[1]), _mm512_set1_pd(128.0));
+        v[0] = _mm512_mul_pd(_mm512_set1_pd(kLab2000hlByteScaleL), lhl0);
+        v[1] = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(kLab2000hlByteScaleAB), lhl[0]),
+                             _mm512_set1_pd(kLab2000hlByteOffsetAB));
+        v[2] = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(kLab2000hlByteScaleAB), lhl[1]),
+                             _mm512_set1_pd(kLab2000hlByteOffsetAB));
         margin = (margins != nullptr ? *margins : LabMargins()).lab2000hl;
     }
     alignas(32) int bytes[3][8];

@@ -6,19 +6,16 @@
 
 #include <cmath>
 
+#include "kelma/colorimetry/CIELAB.h"
 #include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
 
 namespace KELMA_NAMESPACE {
 
-constexpr double kSixteenOver116 = 0.13793103448275862;
-// The CIE threshold and slope in the older rounded forms, as the library
-// defines them (not the exact rationals 216/24389 and 24389/27).
-constexpr double kLabEpsilon = 0.008856;
-
+// The byte encodings' CIELAB, with their rounded constants (CIELAB.h):
 // f(t) = pow(t, 0.3333333333333333) if t > 0.008856, else 7.787 t + 16/116.
 // NaN takes the second branch and stays NaN.
 inline double LabF_Scalar(double t) {
-    return t > kLabEpsilon ? std::pow(t, 0.3333333333333333) : 7.787 * t + kSixteenOver116;
+    return t > kCIELABEncodingEpsilon ? std::pow(t, 0.3333333333333333) : kCIELABEncodingSlope * t + kSixteenOver116;
 }
 
 // t_c = xyz[c] inverseWhite[c] (double); L* = 116 f(tY) - 16 if tY > 0.008856,
@@ -31,7 +28,7 @@ inline void CIELAB_Scalar(double* lab, const float* xyz, const double* inverseWh
         if (c == 1) tY = t;
         f[c] = LabF_Scalar(t);
     }
-    lab[0] = tY > kLabEpsilon ? 116.0 * f[1] - 16.0 : 903.3 * tY;
+    lab[0] = tY > kCIELABEncodingEpsilon ? 116.0 * f[1] - 16.0 : kCIELABEncodingKappa * tY;
     lab[1] = 500.0 * (f[0] - f[1]);
     lab[2] = 200.0 * (f[1] - f[2]);
 }
@@ -48,9 +45,9 @@ inline void LabBytes_Scalar(const float* xyz, const double* inverseWhite, bool c
     double lab[3];
     CIELAB_Scalar(lab, xyz, inverseWhite);
     if (cielab) {
-        out[0] = EncodeByte_Scalar(2.55 * lab[0]);
-        out[1] = EncodeByte_Scalar(lab[1] + 128.0);
-        out[2] = EncodeByte_Scalar(lab[2] + 128.0);
+        out[0] = EncodeByte_Scalar(kCIELABByteScaleL * lab[0]);
+        out[1] = EncodeByte_Scalar(lab[1] + kCIELABByteOffsetAB);
+        out[2] = EncodeByte_Scalar(lab[2] + kCIELABByteOffsetAB);
     } else {
         double lhl[3];
         ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::LAB2LAB2000HL(lhl, lab);

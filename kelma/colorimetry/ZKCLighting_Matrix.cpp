@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "kelma/colorimetry/CIELAB.h"
 #include "kelma/colorimetry/ColorimetryKernels.h"
 #include "kelma/colorimetry/LabBytes_Scalar.h"
 #include "kelma/colorimetry/ZKCWhitePoint.h"
@@ -12,22 +13,23 @@ namespace KELMA_NAMESPACE {
 
 namespace {
 
-// Inverse of the CIELAB companding with the rounded thresholds 7.9996 (L*)
-// and 0.2069 (f), as the media-relative encodings define it.
+// Inverse of the CIELAB companding with the encodings' rounded thresholds
+// (kCIELABEncodingLInverseThreshold for L*, kCIELABEncodingFInverseThreshold
+// for f), as the media-relative decoding defines it.
 void InverseCIELAB(double L, double a, double b, double xyz[3]) {
     double fy, Y;
-    if (L > 7.9996) {
+    if (L > kCIELABEncodingLInverseThreshold) {
         fy = (L + 16.0) / 116.0;
         Y = fy * fy * fy;
     } else {
-        Y = L / 903.3;
-        fy = 7.787 * Y + kSixteenOver116;
+        Y = L / kCIELABEncodingKappa;
+        fy = kCIELABEncodingSlope * Y + kSixteenOver116;
     }
     double fx = a / 500.0 + fy;
     double fz = fy - b / 200.0;
-    xyz[0] = fx > 0.2069 ? fx * fx * fx : (fx - kSixteenOver116) / 7.787;
+    xyz[0] = fx > kCIELABEncodingFInverseThreshold ? fx * fx * fx : (fx - kSixteenOver116) / kCIELABEncodingSlope;
     xyz[1] = Y;
-    xyz[2] = fz > 0.2069 ? fz * fz * fz : (fz - kSixteenOver116) / 7.787;
+    xyz[2] = fz > kCIELABEncodingFInverseThreshold ? fz * fz * fz : (fz - kSixteenOver116) / kCIELABEncodingSlope;
 }
 
 }  // namespace

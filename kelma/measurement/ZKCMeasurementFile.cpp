@@ -3,14 +3,23 @@
 #include <lcms2.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <type_traits>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "kelma/common/LibraryErrors.h"
+#include "kelma/measurement/SpectralPlausibility.h"
 #include "kelma/sampling/ZKCSpectralSampling_Thread.h"
 
 namespace KELMA_NAMESPACE {
@@ -22,23 +31,162 @@ ZKCMeasurementError::~ZKCMeasurementError() = default;
 
 namespace {
 
-// The parser takes a 32-bit length; real charts are well below a megabyte.
-constexpr std::size_t kMaxFileBytes = std::size_t(1) << 30;
+// A file descriptor closed on every path out.
+struct FileDescriptor {
+    int fd;
+    ~FileDescriptor() {
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+std::string SystemError(const char* what) { return std::string(what) + " (" + std::strerror(errno) + ")"; }
+
+// Only regular files are read: a directory cannot be, and a device or FIFO
+// may never end (/dev/zero) or block (a FIFO without a writer).
+void CheckRegularFile(const std::string& path, const struct stat& info) {
+    if (S_ISDIR(info.st_mode)) throw ZKCMeasurementError(path, "is a directory, not a measurement file");
+    if (!S_ISREG(info.st_mode))
+        throw ZKCMeasurementError(path, "is not a regular file (a device, FIFO or socket); give a measurement file");
+}
+
+std::string TooLarge(std::uint64_t bytes) {
+    return "file is " + std::to_string(bytes) + " bytes, larger than the " +
+           std::to_string(kMaxMeasurementFileBytes >> 20) + " MiB a measurement file may have";
+}
 
 std::string ReadWholeFile(const std::string& path) {
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> f(std::fopen(path.c_str(), "rb"), &std::fclose);
-    if (!f) throw ZKCMeasurementError(path, std::string("cannot open the file (") + std::strerror(errno) + ")");
-    std::string text;
-    char chunk[65536];
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0) throw ZKCMeasurementError(path, SystemError("cannot open the file"));
+    CheckRegularFile(path, info);
+    // O_NONBLOCK: should the name turn into a FIFO after the check, open does not wait for a writer.
+    FileDescriptor f{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    if (f.fd < 0) throw ZKCMeasurementError(path, SystemError("cannot open the file"));
+    if (::fstat(f.fd, &info) != 0) throw ZKCMeasurementError(path, SystemError("cannot read the file"));
+    CheckRegularFile(path, info);
+    if (static_cast<std::uint64_t>(info.st_size) > kMaxMeasurementFileBytes)
+        throw ZKCMeasurementError(path, TooLarge(static_cast<std::uint64_t>(info.st_size)));
+    // Read to the end (the size may have changed since fstat), never past the bound.
+    std::string text(static_cast<std::size_t>(info.st_size) + 1, '\0');
+    std::size_t got = 0;
     for (;;) {
-        std::size_t got = std::fread(chunk, 1, sizeof chunk, f.get());
-        text.append(chunk, got);
-        if (text.size() > kMaxFileBytes) throw ZKCMeasurementError(path, "file is larger than 1 GiB");
-        if (got < sizeof chunk) break;
+        if (got == text.size()) {
+            if (text.size() > kMaxMeasurementFileBytes) throw ZKCMeasurementError(path, TooLarge(text.size()));
+            text.resize(std::min(2 * text.size(), kMaxMeasurementFileBytes + 1));
+        }
+        const ssize_t n = ::read(f.fd, &text[got], text.size() - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw ZKCMeasurementError(path, SystemError("cannot read the file"));
+        if (n == 0) break;
+        got += static_cast<std::size_t>(n);
     }
-    if (std::ferror(f.get()))
-        throw ZKCMeasurementError(path, std::string("cannot read the file (") + std::strerror(errno) + ")");
-    if (text.empty()) throw ZKCMeasurementError(path, "file is empty");
+    text.resize(got);
+    return text;
+}
+
+void AppendUtf8(std::string& out, std::uint32_t c) {
+    if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | (c >> 6));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        out += static_cast<char>(0xE0 | (c >> 12));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (c >> 18));
+        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+}
+
+// Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool IsUtf8(const std::string& s) {
+    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+    const std::size_t n = s.size();
+    for (std::size_t i = 0; i < n;) {
+        const unsigned c = p[i];
+        std::size_t len;
+        std::uint32_t min, cp;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        } else if ((c & 0xE0) == 0xC0) {
+            len = 2, min = 0x80, cp = c & 0x1F;
+        } else if ((c & 0xF0) == 0xE0) {
+            len = 3, min = 0x800, cp = c & 0x0F;
+        } else if ((c & 0xF8) == 0xF0) {
+            len = 4, min = 0x10000, cp = c & 0x07;
+        } else {
+            return false;
+        }
+        if (n - i < len) return false;
+        for (std::size_t k = 1; k < len; ++k) {
+            if ((p[i + k] & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (p[i + k] & 0x3F);
+        }
+        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        i += len;
+    }
+    return true;
+}
+
+// Windows-1252, which instrument software on Windows writes: Latin-1 with
+// typographic characters at 0x80-0x9F (the five unassigned codes stay C1 controls).
+std::string Windows1252ToUtf8(const std::string& s) {
+    static const std::uint16_t k80[32] = {
+        0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+        0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+        0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
+    std::string out;
+    out.reserve(s.size() + s.size() / 8);
+    for (char ch : s) {
+        const unsigned c = static_cast<unsigned char>(ch);
+        AppendUtf8(out, c >= 0x80 && c < 0xA0 ? k80[c - 0x80] : c);
+    }
+    return out;
+}
+
+std::string Utf16ToUtf8(const std::string& file, const std::string& s, bool bigEndian) {
+    if (s.size() % 2 != 0) throw ZKCMeasurementError(file, "is marked as UTF-16 but has an odd number of bytes");
+    auto unit = [&](std::size_t i) {
+        const unsigned a = static_cast<unsigned char>(s[i]), b = static_cast<unsigned char>(s[i + 1]);
+        return static_cast<std::uint32_t>(bigEndian ? (a << 8) | b : (b << 8) | a);
+    };
+    std::string out;
+    out.reserve(s.size() / 2);
+    for (std::size_t i = 0; i < s.size(); i += 2) {
+        std::uint32_t c = unit(i);
+        if (c >= 0xD800 && c <= 0xDBFF && i + 3 < s.size() && unit(i + 2) >= 0xDC00 && unit(i + 2) <= 0xDFFF) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (unit(i + 2) - 0xDC00);
+            i += 2;
+        } else if (c >= 0xD800 && c <= 0xDFFF) {
+            throw ZKCMeasurementError(file, "is marked as UTF-16 but holds an unpaired surrogate at byte " +
+                                                std::to_string(i));
+        }
+        AppendUtf8(out, c);
+    }
+    return out;
+}
+
+// The file's bytes as UTF-8 text (see the header for the encodings read).
+std::string DecodedText(const std::string& file, const std::string& raw) {
+    std::string text;
+    if (raw.compare(0, 2, "\xFF\xFE") == 0) {
+        text = Utf16ToUtf8(file, raw.substr(2), false);
+    } else if (raw.compare(0, 2, "\xFE\xFF") == 0) {
+        text = Utf16ToUtf8(file, raw.substr(2), true);
+    } else {
+        text = raw.compare(0, 3, "\xEF\xBB\xBF") == 0 ? raw.substr(3) : raw;
+        if (!IsUtf8(text)) text = Windows1252ToUtf8(text);
+    }
+    const std::size_t nul = text.find('\0');
+    if (nul != std::string::npos)
+        throw ZKCMeasurementError(file, "holds a NUL character (at line " +
+                                            std::to_string(1 + std::count(text.begin(), text.begin() + nul, '\n')) +
+                                            "): not a text file");
+    if (text.empty()) throw ZKCMeasurementError(file, "file is empty");
     return text;
 }
 
@@ -78,7 +226,14 @@ struct PreparedText {
     std::string text;
     std::vector<std::string> formatFields;
     std::vector<DataLine> dataLines;
+    // Header values of lines with non-ASCII characters, as written (the
+    // parser sees those characters as '?'), first occurrence per keyword.
+    std::vector<std::pair<std::string, std::string>> nonAsciiHeaderValues;
 };
+
+bool IsAscii(const std::string& s) {
+    return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
 
 std::string Unquoted(const std::string& token) {
     if (token.size() >= 2 && IsQuote(token.front()) && token.back() == token.front())
@@ -128,6 +283,14 @@ PreparedText Prepare(const std::string& file, const std::string& raw) {
             if (value.find_first_of(" \t") != std::string::npos && value.find_first_of("\"'") == std::string::npos)
                 line = line.substr(0, valueStart) + '"' + value + '"' + (comment.empty() ? "" : " " + comment);
         }
+        if (state == kHeader && tokens.size() > 1 && !IsAscii(line)) {
+            // The value as written: one (quoted) token, or the blank-separated rest of the line.
+            std::string value = Unquoted(tokens[1]);
+            for (std::size_t k = 2; k < tokens.size(); ++k) value += ' ' + tokens[k];
+            const bool seen = std::any_of(out.nonAsciiHeaderValues.begin(), out.nonAsciiHeaderValues.end(),
+                                          [&](const auto& p) { return p.first == first; });
+            if (!seen) out.nonAsciiHeaderValues.emplace_back(first, value);
+        }
         if (state == kFormat && formatSections == 1) {
             if (!tokens.empty() && tokens.back() == "END_DATA_FORMAT") {
                 tokens.pop_back();
@@ -137,6 +300,11 @@ PreparedText Prepare(const std::string& file, const std::string& raw) {
         } else if (state == kData && dataSections == 1 && !tokens.empty()) {
             out.dataLines.push_back({lineNumber, tokens});
         }
+        // The parser takes ASCII only (it refuses any byte above 0x7E outside
+        // quotes, UTF-8 included); names, IDs and header values with other
+        // characters are taken from the tokens above instead.
+        for (char& c : line)
+            if (static_cast<unsigned char>(c) >= 0x80) c = '?';
         out.text += line;
         out.text += '\n';
     }
@@ -154,6 +322,27 @@ bool ParseNumber(const char* text, double& value) {
     return result.ec == std::errc() && result.ptr == last && std::isfinite(value);
 }
 
+// A decimal number too large for any double (1e99999); underflow is not.
+bool OutOfDoubleRange(const std::string& text) {
+    if (text.empty() || text.find_first_not_of("0123456789+-.eE") != std::string::npos) return false;
+    char* end = nullptr;
+    const double v = std::strtod(text.c_str(), &end);
+    return end == text.c_str() + text.size() && std::isinf(v);
+}
+
+std::string FloatMaxText() {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", static_cast<double>(std::numeric_limits<float>::max()));
+    return text;
+}
+
+// A count as the file gives it, any double (the parser reads it as one).
+std::string WrittenCount(double v) {
+    char text[32];
+    std::snprintf(text, sizeof text, std::fabs(v) < 1e15 ? "%.0f" : "%g", v);
+    return text;
+}
+
 struct LcmsContext {
     std::string firstError;
 };
@@ -163,6 +352,9 @@ void CollectError(cmsContext context, cmsUInt32Number, const char* text) {
     if (state == nullptr || !state->firstError.empty() || text == nullptr) return;
     // Loaded from memory, the parser's messages start with an empty file name.
     state->firstError = std::strncmp(text, ": ", 2) == 0 ? text + 2 : text;
+    // Some messages end in a line break; the error is one line.
+    while (!state->firstError.empty() && std::isspace(static_cast<unsigned char>(state->firstError.back())))
+        state->firstError.pop_back();
 }
 
 struct ContextDeleter {
@@ -180,9 +372,17 @@ bool SpectralWavelength(const std::string& file, const std::string& name, double
     std::string digits = name.substr(prefix.size());
     if (!digits.empty() && digits[0] == '_') digits.erase(0, 1);
     if (digits.empty() || digits.size() > 5 ||
-        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; }))
-        throw ZKCMeasurementError(file, "cannot read the wavelength of field " + name);
+        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        // A decimal name (SPECTRAL_NM0.40) is most likely another unit.
+        double value = 0.0;
+        std::string hint;
+        if (ParseNumber(digits.c_str(), value) && !WavelengthProblem(value).empty())
+            hint = "; " + WavelengthProblem(value);
+        throw ZKCMeasurementError(file, "cannot read the wavelength of field " + name +
+                                            " (spectral fields name whole nanometres, e.g. SPECTRAL_NM400)" + hint);
+    }
     nm = std::stod(digits);
+    if (!WavelengthProblem(nm).empty()) throw ZKCMeasurementError(file, "field " + name + ": " + WavelengthProblem(nm));
     return true;
 }
 
@@ -216,10 +416,29 @@ std::string Join(const std::vector<std::string>& items) {
 
 }  // namespace
 
-ZKCMeasurementFile::ZKCMeasurementFile(const std::string& path, std::uint32_t required) {
-    const std::string& file = path;
+ZKCMeasurementFile::ZKCMeasurementFile(const std::string& path, std::uint32_t required,
+                                       const ZKSMeasurementOptions& options)
+    : options_(options) {
     data_.file = path;
-    PreparedText prepared = Prepare(file, ReadWholeFile(path));
+    Read(ReadWholeFile(path), required);
+}
+
+ZKCMeasurementFile::ZKCMeasurementFile(FromContents, const std::string& name, const std::string& contents,
+                                       std::uint32_t required, const ZKSMeasurementOptions& options)
+    : options_(options) {
+    data_.file = name;
+    if (contents.size() > kMaxMeasurementFileBytes) throw ZKCMeasurementError(name, TooLarge(contents.size()));
+    Read(contents, required);
+}
+
+ZKCMeasurementFile ZKCMeasurementFile::FromText(const std::string& name, const std::string& contents,
+                                                std::uint32_t required, const ZKSMeasurementOptions& options) {
+    return ZKCMeasurementFile(FromContents(), name, contents, required, options);
+}
+
+void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t required) {
+    const std::string& file = data_.file;
+    PreparedText prepared = Prepare(file, DecodedText(file, contents));
 
     // Ragged rows first: the parser reads the data as one stream of values,
     // so a short row would otherwise shift every later value into the wrong field.
@@ -262,22 +481,31 @@ ZKCMeasurementFile::ZKCMeasurementFile(const std::string& path, std::uint32_t re
     const std::size_t patches = prepared.dataLines.size();
     if (patches == 0) throw ZKCMeasurementError(file, "no patches in the data section");
     if (declaredSets != static_cast<double>(patches))
-        throw ZKCMeasurementError(file, "NUMBER_OF_SETS is " + std::to_string(static_cast<long long>(declaredSets)) +
+        throw ZKCMeasurementError(file, "NUMBER_OF_SETS is " + WrittenCount(declaredSets) +
                                             " but the data section has " + std::to_string(patches) + " lines");
 
+    auto Where = [&](std::size_t row, int col) {
+        return "line " + std::to_string(prepared.dataLines[row].lineNumber) + ", field " +
+               fields[static_cast<std::size_t>(col)] + ": ";
+    };
+    // Every value must be a finite number a float can hold: spectra are kept
+    // in single precision, and every computation downstream is.
+    const std::string outsideFloat = "is outside the range of a 32-bit float (magnitude at most " + FloatMaxText() + ")";
     auto Value = [&](std::size_t row, int col) {
         const char* text = cmsIT8GetDataRowCol(h, static_cast<int>(row), col);
-        double v = 0.0;
-        if (ParseNumber(text, v)) return v;
-        const DataLine& line = prepared.dataLines[row];
-        const std::string& written = line.tokens[static_cast<std::size_t>(col)];
-        double unused = 0.0;
-        std::string hint = ParseNumber(written.c_str(), unused)
-                               ? " (the CGATS parser misreads this exponent form; write it as a plain decimal)"
-                               : "";
-        throw ZKCMeasurementError(file, "line " + std::to_string(line.lineNumber) + ", field " +
-                                            fields[static_cast<std::size_t>(col)] + ": '" + written +
-                                            "' is not a number" + hint);
+        const std::string& written = prepared.dataLines[row].tokens[static_cast<std::size_t>(col)];
+        double v = 0.0, asWritten = 0.0;
+        const bool parsed = ParseNumber(text, v);
+        if (parsed && FloatRangeProblem(v).empty()) return v;
+        // The parser misreads some exponent forms ("3e-1", "1e+300"): what was
+        // written decides the message.
+        const bool number = ParseNumber(written.c_str(), asWritten);
+        std::string problem = "is not a number";
+        if (parsed || OutOfDoubleRange(written) || (number && !FloatRangeProblem(asWritten).empty()))
+            problem = outsideFloat;
+        else if (number)
+            problem += " (the CGATS parser misreads this exponent form; write it as a plain decimal)";
+        throw ZKCMeasurementError(file, Where(row, col) + "'" + written + "' " + problem);
     };
 
     // Classify the fields.
@@ -363,6 +591,11 @@ ZKCMeasurementFile::ZKCMeasurementFile(const std::string& path, std::uint32_t re
     data_.spectra.reserve(patches * spectral.size());
     for (std::size_t r = 0; r < patches; ++r)
         for (const auto& s : spectral) data_.spectra.push_back(static_cast<float>(Value(r, s.second)));
+    const ZKSValueProblem reflectance = FindReflectanceProblem(data_.spectra.data(), data_.spectra.size());
+    if (reflectance.found)
+        throw ZKCMeasurementError(file, Where(reflectance.index / spectral.size(),
+                                              spectral[reflectance.index % spectral.size()].second) +
+                                            reflectance.problem);
     if (labFound == 3) {
         data_.lab.reserve(patches * 3);
         for (std::size_t r = 0; r < patches; ++r)
@@ -373,7 +606,11 @@ ZKCMeasurementFile::ZKCMeasurementFile(const std::string& path, std::uint32_t re
     cmsUInt32Number propertyCount = cmsIT8EnumProperties(h, &propertyNames);
     for (cmsUInt32Number i = 0; i < propertyCount && propertyNames != nullptr; ++i) {
         const char* value = cmsIT8GetProperty(h, propertyNames[i]);
-        properties_.emplace_back(propertyNames[i], value != nullptr ? value : "");
+        const auto written = std::find_if(prepared.nonAsciiHeaderValues.begin(), prepared.nonAsciiHeaderValues.end(),
+                                          [&](const auto& p) { return p.first == propertyNames[i]; });
+        properties_.emplace_back(propertyNames[i], written != prepared.nonAsciiHeaderValues.end()
+                                                       ? written->second
+                                                       : std::string(value != nullptr ? value : ""));
     }
 }
 
@@ -387,6 +624,10 @@ std::string ZKCMeasurementFile::Property(const std::string& keyword) const {
 
 AlignedBuffer<float> ZKCMeasurementFile::Resample(SPECTRALSAMPLING_METHOD method) const {
     if (!data_.HasSpectra()) throw ZKCMeasurementError(data_.file, "no spectral fields to resample");
+    if (!options_.extrapolate) {
+        const std::string gap = SpectralCoverageProblem(data_.wavelengths.data(), data_.wavelengths.size());
+        if (!gap.empty()) throw ZKCMeasurementError(data_.file, "spectral fields: " + gap);
+    }
     std::unique_ptr<ZKCSpectralSampling_Thread> sampler;
     try {
         sampler.reset(new ZKCSpectralSampling_Thread(data_.wavelengths, method));
@@ -394,7 +635,7 @@ AlignedBuffer<float> ZKCMeasurementFile::Resample(SPECTRALSAMPLING_METHOD method
         if (std::strcmp(text, "DefaultCase") == 0) throw;
         throw ZKCMeasurementError(data_.file, "spectral fields " + std::to_string(static_cast<int>(data_.wavelengths.front())) +
                                                   "-" + std::to_string(static_cast<int>(data_.wavelengths.back())) +
-                                                  " nm: " + text);
+                                                  " nm: " + ExplainLibraryError(text));
     }
     AlignedBuffer<float> out(data_.PatchCount() * kSpectrumStride);
     sampler->Init(data_.spectra.data(), out.data(), data_.PatchCount());

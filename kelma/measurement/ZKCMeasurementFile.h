@@ -12,8 +12,21 @@
 //    by wavelength, which must be distinct;
 //  - LAB_L, LAB_A, LAB_B, all three or none.
 // Other columns are ignored. Every value read must be a finite decimal
-// number. Each data line must hold exactly one set (as many values as the
-// format has fields).
+// number within the range of a float. Each data line must hold exactly one
+// set (as many values as the format has fields).
+//
+// Plausibility (kelma/measurement/SpectralPlausibility.h): spectral fields
+// must name wavelengths of 300-1100 nm and hold reflectance factors (-0.1 to
+// 2; percent is refused with "divide by 100"). Resample() refuses a list that
+// leaves more than 10 nm of 400-700 nm at either end to extrapolation unless
+// the file was opened with ZKSMeasurementOptions::extrapolate.
+//
+// Files: only regular files of at most kMaxMeasurementFileBytes are read (a
+// directory, a device or a FIFO is refused before reading). Text that is not
+// UTF-8 is read as Windows-1252 (Latin-1 plus typographic characters), a
+// UTF-8 or UTF-16 byte order mark is honoured, and every string the reader
+// returns (sample IDs, names, header values) is UTF-8. A file holding NUL
+// bytes is not a text file and is refused.
 //
 // Tolerated beyond strict CGATS: header keyword values with blanks but no
 // quotes (e.g. `CREATED  July 2023`), which instrument software writes, are
@@ -27,7 +40,8 @@
 // IDs are taken as written in the file.
 //
 // Every problem with a file (missing, unreadable, malformed, incomplete,
-// non-numeric, ragged) throws ZKCMeasurementError naming the file.
+// non-numeric, ragged, implausible) throws ZKCMeasurementError naming the
+// file, and the line and field where there is one.
 #pragma once
 
 #include <cstdint>
@@ -63,6 +77,17 @@ enum MEASUREMENT_CONTENT : std::uint32_t {
     MEASUREMENT_CONTENT_DEVICE = 4,
 };
 
+// Largest file read: real charts stay well below a megabyte (the 1617-patch
+// APTEC chart with 36 bands is about 400 kB); this bounds the memory a
+// mistaken path can take.
+constexpr std::size_t kMaxMeasurementFileBytes = std::size_t(64) << 20;
+
+struct KELMA_API ZKSMeasurementOptions {
+    // Resample() extrapolates spectra that leave more than 10 nm of 400-700 nm
+    // uncovered from their end intervals instead of refusing them.
+    bool extrapolate = false;
+};
+
 // One file's patches. Per-patch arrays are patch-major, in file order.
 struct ZKSMeasurementData {
     std::string file;
@@ -90,8 +115,20 @@ public:
     // Reads and checks the whole file. `required` lists content whose absence
     // is an error (by default: spectral columns).
     explicit ZKCMeasurementFile(const std::string& path,
-                                std::uint32_t required = MEASUREMENT_CONTENT_SPECTRA);
+                                std::uint32_t required = MEASUREMENT_CONTENT_SPECTRA,
+                                const ZKSMeasurementOptions& options = ZKSMeasurementOptions());
+    // The same checks on a file's contents already in memory; `name` stands
+    // for the file in messages.
+    static ZKCMeasurementFile FromText(const std::string& name, const std::string& contents,
+                                       std::uint32_t required = MEASUREMENT_CONTENT_SPECTRA,
+                                       const ZKSMeasurementOptions& options = ZKSMeasurementOptions());
+    ZKCMeasurementFile(const ZKCMeasurementFile&) = default;
+    ZKCMeasurementFile(ZKCMeasurementFile&&) = default;
+    ZKCMeasurementFile& operator=(const ZKCMeasurementFile&) = default;
+    ZKCMeasurementFile& operator=(ZKCMeasurementFile&&) = default;
     virtual ~ZKCMeasurementFile();
+
+    const ZKSMeasurementOptions& Options() const { return options_; }
 
     const ZKSMeasurementData& Data() const { return data_; }
     // Header keyword value (e.g. "ILLUMINATION_NAME"), "" when absent; the
@@ -100,13 +137,21 @@ public:
 
     // The spectra on 400-700 nm / 10 nm through ZKCSpectralSampling_Thread:
     // PatchCount() records of 32 floats (slot 31 = 0.0), 16-byte aligned.
-    // Wavelengths outside the file's range extrapolate from its first or last
-    // interval. Throws ZKCMeasurementError when the file has no spectra or its
-    // wavelength list is rejected ("... has less than 2 elements", "Invalid
-    // wavelength range"), "DefaultCase" for an unknown method.
+    // Throws ZKCMeasurementError when the file has no spectra, when its
+    // wavelengths leave more than 10 nm of 400-700 nm at either end uncovered
+    // (unless the options ask for extrapolation: grid wavelengths outside the
+    // file's range then extrapolate from its first or last interval) or the
+    // resampler rejects the list ("... has less than 2 elements", "Invalid
+    // wavelength range"); "DefaultCase" for an unknown method.
     AlignedBuffer<float> Resample(SPECTRALSAMPLING_METHOD method) const;
 
 private:
+    struct FromContents {};
+    ZKCMeasurementFile(FromContents, const std::string& name, const std::string& contents, std::uint32_t required,
+                       const ZKSMeasurementOptions& options);
+    void Read(const std::string& contents, std::uint32_t required);
+
+    ZKSMeasurementOptions options_;
     ZKSMeasurementData data_;
     std::vector<std::pair<std::string, std::string>> properties_;
 };

@@ -141,6 +141,12 @@ std::vector<ZKSSSE_EffectiveRampEntry> ZKCSSE_KELMA_Data::BuildEffectiveRampsLUT
     return lut;
 }
 
+// Used by the model file as well (a friend), so both are instantiated here.
+template std::vector<ZKSSSE_EffectiveRampEntry> ZKCSSE_KELMA_Data::BuildEffectiveRampsLUT<float>(
+    unsigned int, unsigned int, const float*, const float*);
+template std::vector<ZKSSSE_EffectiveRampEntry> ZKCSSE_KELMA_Data::BuildEffectiveRampsLUT<double>(
+    unsigned int, unsigned int, const double*, const double*);
+
 ZKCWhitePoint ZKCSSE_KELMA_Data::CalculateWhitePoint(const ZKCSSE_KELMA_Data& data) {
     std::vector<unsigned char> paper(data.NumberOfInks(), 0);
     AlignedBuffer<float> spectrum(kSpectrumStride);

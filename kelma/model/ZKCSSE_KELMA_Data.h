@@ -19,6 +19,8 @@ struct ZKSSSE_EffectiveRampEntry {
     float weight;              // local coordinate in [0, 1] for monotone ramps
 };
 
+struct ZKSModelFile;
+
 // Layouts (N inks, G grid points per ink, K spectral values, 31 everywhere):
 //  - grid points [i][g] at i G + g: whole digital levels, strictly ascending,
 //    first 0, last 255 (the lookup table relies on meeting every level);
@@ -71,6 +73,10 @@ public:
     void ReduceToSingleIlluminant(unsigned long illuminantIndex);
 
 private:
+    // The model file rebuilds a model whose lookup table came from float64
+    // ramps (kept in the file) and compares a table with the float32 one.
+    friend struct ZKSModelFile;
+
     // A model object is never assigned.
     ZKCSSE_KELMA_Data& operator=(const ZKCSSE_KELMA_Data&) { return *this; }
 

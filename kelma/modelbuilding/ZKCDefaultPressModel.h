@@ -2,9 +2,10 @@
 // 12642-2 (IT8.7/4) chart of data/aptec_pc10, refined fit on the grid
 // {0, 40, 100} % (81 nodes), D50 / 2 degree. Compiled into the library (no
 // file is read at run time); the model to use when the user names none.
-// Provenance, fitting error and the command that regenerates it are in the
-// generated kelma/modelbuilding/DefaultPressModel_Data.cpp and in
-// data/models/aptec_pc10_cmyk.txt (the same model as text).
+// Provenance and fitting error are recorded in the generated
+// kelma/modelbuilding/DefaultPressModel_Data.cpp; DefaultPressModelFile()
+// (kelma/modelfile) is the same model as a model file, shipped as
+// data/models/aptec_pc10_cmyk.kelma. tools/kelma_fit_model regenerates both.
 #pragma once
 
 #include "kelma/colorimetry/ZKCLighting_Matrix.h"

@@ -3,34 +3,43 @@
 // of 4, 6 or 7 inks: device values per patch in percent and reflectance
 // spectra on the library's 31-point grid.
 //
+// A build runs stages with inputs and results of their own (internal
+// headers next to this one), in this order:
+//   chart import       ChartImport.h       checked chart, digital levels
+//   grid resolution    GridResolution.h    grid levels, node numbering
+//   training data      TrainingData.h      rows, node measurements, ramp patches
+//   node estimation    NodeEstimation.h    spectra of nodes the chart lacks
+//   classic fit        ClassicFit.h        ramps and nodes at one n
+//   n search           NSearch.h           the n of the classic fit
+//   refined fit        RefinedFit.h        least-squares nodes, fitted ramps and n
+//   fine-grid fit      FineGridFit.h       nodes of a finer grid toward a base model
+//   validation         ValidationSplit.h   the split, CIEDE2000 of a model
+//
 // Grid. The caller names G grid levels per ink in percent (first 0, last 100);
-// a percentage p becomes the digital level round-half-up(2.55 p) (40 % -> 102).
+// a percentage p becomes the digital level DigitalLevel(p) (40 % -> 102).
 // Every node of the G^N grid must be measured by a training patch (duplicates
 // are averaged); otherwise the build fails with a list of the missing ink
-// combinations, unless missing nodes are to be estimated from a coarser model.
+// combinations, unless missing nodes are to be estimated: from a classic
+// model on coarseGridPercent fitted to the same training patches, and, where
+// that grid is not coarser (or for the coarse model's own missing nodes), by
+// the overprint rule of NodeEstimation.h. Estimated nodes enter the refined
+// fit as a prior worth one patch each.
 //
-// Classic fit. Node spectra R raised to 1/n are the cells' corner values; each
-// cell's coefficient block is their Moebius inversion. Each ink's effective
-// ramp comes from its single-ink training patches (all other inks at 0): the
-// local coordinate w of a patch inside its cell is the closed-form least-
-// squares solution of R^(1/n) ~ (1-w) r_lower + w r_upper over the 31 bands,
-// clamped to [0, 1], averaged per level, made non-decreasing per cell
-// (isotonic regression) and joined with the nominal coverage level/255 at the
-// grid levels by a monotone cubic over all 256 values. n minimises the mean
-// CIEDE2000 of the training patches (scan, then golden section, to 1e-4).
+// Classic fit: measured node spectra, ramps from single-ink patches, n that
+// minimises the mean CIEDE2000 of the training patches (ClassicFit.h, NSearch.h).
+// Refined fit: least-squares nodes, then coordinates and n by
+// Levenberg-Marquardt on CIEDE2000 (RefinedFit.h). Starts from the classic fit.
 //
-// Refined fit. With ramps and n fixed the prediction in the Yule-Nielsen
-// domain is linear in the node values, so the nodes are the linear least-
-// squares solution over all training patches (one normal system for all 31
-// bands). The local coordinates at every non-grid level that some training
-// patch uses, and n, are then fitted by Levenberg-Marquardt on residuals whose
-// squared norm approximates CIEDE2000 squared (the colour difference mapped
-// through the local CIEDE2000 metric at the measured colour), re-solving the
-// nodes at every evaluation. Levels no training patch uses are interpolated
-// by the monotone cubic. Starts from the classic fit.
+// Fine-grid fit (fineBaseGridPercent given): the model is first built by
+// `method` on the base grid, then the nodes of the (finer) grid are fitted by
+// regularised least squares toward the base model's prediction, keeping its
+// ramps and n (FineGridFit.h). Only the base grid's nodes must be measured.
+// The prior weighs finePriorWeight patches per node, or is chosen from the
+// training patches alone by an inner cross-validation (0, the default).
 //
 // Colorimetry of the fit: D50, CIE 1931 2 degree (the library's lighting
-// matrix), CIELAB relative to the illuminant white, CIEDE2000 by Little CMS.
+// matrix), CIELAB relative to the illuminant white (XYZToCIELAB), CIEDE2000
+// (DeltaE2000).
 //
 // Positivity: every prediction is (weighted sum)^n with Demichel weights in
 // [0, 1] summing to 1, i.e. a convex combination of node values; a node value
@@ -39,10 +48,12 @@
 // raised to it (counted in ZKSBuiltModel::clampedNodeValues), so every sum
 // the model can form is positive.
 //
-// Cost: the refined fit factors a (G^N x G^N) normal matrix at every
-// evaluation, about (parameters + 1) evaluations per iteration. CMYK on 3
-// levels (81 nodes) takes well under a second; 6 or 7 inks on 3 levels (729
-// or 2187 nodes) are slow, use the classic fit or 2 levels there.
+// Cost: the refined fit solves the sparse node system once per evaluation,
+// about (parameters + 1) evaluations per iteration; a row couples the 2^k
+// nodes of its cell along its k inks off the grid. CMYK on 3 levels takes
+// well under a second; 7 inks on 3 levels (2187 nodes) from a chart of about
+// 3000 patches whose rows hold few inks off the grid take seconds
+// (bench/bench_modelbuilding.cpp).
 //
 // Failures (a chart or option the builder cannot use) throw
 // ZKCModelBuildingError with a message naming the problem. Build is const:
@@ -51,43 +62,16 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "kelma/colorimetry/ZKCLighting_Matrix.h"
-#include "kelma/common/Types.h"
-#include "kelma/model/ZKCSSE_KELMA_Data.h"
+#include "kelma/evaluation/Statistics.h"
+#include "kelma/modelbuilding/ChartImport.h"
+#include "kelma/modelbuilding/PrinterModelArrays.h"
+#include "kelma/modelbuilding/ValidationSplit.h"
+#include "kelma/modelbuilding/ZKCModelBuildingError.h"
 
 namespace KELMA_NAMESPACE {
-
-class ZKCMeasurementFile;
-
-class KELMA_API ZKCModelBuildingError : public std::runtime_error {
-public:
-    explicit ZKCModelBuildingError(const std::string& problem);
-    ~ZKCModelBuildingError() override;
-};
-
-// A measured chart. Per-patch arrays are patch-major.
-struct KELMA_API ZKSModelChart {
-    unsigned int numberOfInks = 0;
-    // Names for messages (e.g. CMYK_C); empty -> "ink 1", "ink 2", ...
-    std::vector<std::string> inkNames;
-    // Device values in percent, 0-100, numberOfInks per patch.
-    std::vector<double> deviceValues;
-    // Reflectance factors on 400-700 nm / 10 nm, 31 per patch.
-    std::vector<double> spectra;
-
-    std::size_t PatchCount() const { return numberOfInks == 0 ? 0 : deviceValues.size() / numberOfInks; }
-};
-
-// The chart of a measurement file: every device channel is an ink, its
-// values taken as percent (as CMYK_ and nCLR_ columns are written); spectra
-// resampled onto the 31-point grid by linear interpolation (the file's own
-// bands where they coincide). Throws ZKCMeasurementError for a file without
-// spectra or device values.
-KELMA_API ZKSModelChart ChartFromMeasurementFile(const ZKCMeasurementFile& file);
 
 enum MODELFIT_METHOD : std::uint32_t {
     MODELFIT_CLASSIC = 0,
@@ -108,53 +92,19 @@ struct KELMA_API ZKSModelBuildOptions {
     bool fitN = true;
     double nMin = 1.0;
     double nMax = 10.0;
-    // Missing grid nodes: predicted by a classic model on coarseGridPercent
-    // (levels for every ink; empty = {0, 100}) fitted to the same
-    // training patches, instead of failing.
+    // Missing grid nodes: estimated (from a classic model on
+    // coarseGridPercent, levels for every ink, empty = {0, 100}; by the
+    // overprint rule where that grid is not coarser than the grid) instead of
+    // failing.
     bool estimateMissingNodes = false;
     std::vector<double> coarseGridPercent;
     // Levenberg-Marquardt iterations of the refined fit.
     unsigned int maxIterations = 100;
-};
-
-// The arrays of one model in the layouts of ZKCSSE_KELMA_Data, in double
-// (as fitted) and float (as the prediction kernels read them).
-struct KELMA_API ZKSPrinterModelArrays {
-    unsigned int numberOfInks = 0;
-    unsigned int numberOfGridPoints = 0;
-    std::vector<double> gridPoints;      // N x G whole digital levels
-    std::vector<double> effectiveRamps;  // N x 256, non-decreasing per ink
-    std::vector<double> matrixScheme;    // 31 x (G-1)^N x 2^N
-    double n = 1.0;
-    std::vector<float> gridPointsF;
-    std::vector<float> effectiveRampsF;
-    std::vector<float> matrixSchemeF;
-
-    // Fills the float arrays from the double ones.
-    void UpdateFloatArrays();
-    // The library model from the float arrays and float n.
-    ZKCSSE_KELMA_Data Model(const ZKCLighting_Matrix& lightingMatrix, INK_SET inkSet, bool isMediaRelative = false,
-                            bool printAbsolutColorimetric = false) const;
-    // Same under D50 / 2 degree.
-    ZKCSSE_KELMA_Data Model(INK_SET inkSet = INK_SET_SEVEN_INKS) const;
-};
-
-struct KELMA_API ZKSDeltaEStatistics {
-    std::size_t count = 0;
-    double mean = 0.0;
-    double p95 = 0.0;  // linear interpolation between order statistics
-    double max = 0.0;
-};
-
-// An honest two-fold split of a chart for validation: the grid patches (every
-// ink on a grid level) train both folds; the other patches are grouped by
-// recipe (equal digital levels, so duplicates never straddle the split) and
-// the recipes go alternately, in order of first appearance, to half 0 and 1.
-// Fold f trains on gridPatches + half[f] and tests on half[1 - f].
-struct KELMA_API ZKSValidationSplit {
-    std::vector<std::size_t> gridPatches;
-    std::vector<std::size_t> half[2];
-    std::vector<std::size_t> Training(unsigned int fold) const;
+    // Fine-grid fit: levels for every ink of the base model (empty = fit the
+    // grid directly), and the prior's weight in patches per node (0 = chosen
+    // from the training patches).
+    std::vector<double> fineBaseGridPercent;
+    double finePriorWeight = 0.0;
 };
 
 struct KELMA_API ZKSBuiltModel {
@@ -165,21 +115,25 @@ struct KELMA_API ZKSBuiltModel {
     std::vector<std::size_t> trainingPatches;
     std::vector<std::size_t> nodePatches;
     std::vector<std::size_t> rampPatches;
-    // Node indices (sum_i g_i G^i) whose spectra were estimated.
+    // Node indices (sum_i g_i G^i) no training patch measures: estimated
+    // (direct fit) or resting on the prior and the patches around them
+    // (fine-grid fit).
     std::vector<std::size_t> estimatedNodes;
     // CIEDE2000 of each training patch (same order as trainingPatches) as the
     // library's prediction driver predicts it, and their summary.
     std::vector<double> trainingDeltaE;
-    ZKSDeltaEStatistics fitError;
-    // n-search evaluations (classic) or Levenberg-Marquardt iterations (refined).
+    ZKSStatistics fitError;
+    // n-search evaluations (classic) or Levenberg-Marquardt iterations
+    // (refined); of the base model in a fine-grid fit.
     unsigned int iterations = 0;
     unsigned int clampedNodeValues = 0;
+    // The fine-grid fit's prior weight (patches per node); 0 for a direct fit.
+    double finePriorWeight = 0.0;
 };
 
 class KELMA_API ZKCModelBuilder {
 public:
-    // Checks the chart (4, 6 or 7 inks, device values finite in [0, 100],
-    // spectra finite, 31 per patch) and keeps a copy.
+    // Checks the chart (ChartDigitalLevels) and keeps a copy.
     explicit ZKCModelBuilder(const ZKSModelChart& chart);
     virtual ~ZKCModelBuilder();
 
@@ -188,26 +142,16 @@ public:
     const ZKSModelChart& Chart() const { return chart_; }
     // Digital level of every (patch, ink), patch-major.
     const std::vector<unsigned char>& DigitalLevels() const { return levels_; }
-    // The split above for grid levels `gridPercent` (every ink).
+    // The library's split (ZKSValidationSplit) for grid levels `gridPercent` (every ink).
     ZKSValidationSplit ValidationSplit(const std::vector<double>& gridPercent) const;
-    // round-half-up(2.55 x percent) for percent in [0, 100].
-    static unsigned int DigitalLevel(double percent);
 
 private:
+    ZKSBuiltModel BuildDirect(const ZKSModelBuildOptions& options, const std::vector<std::size_t>& training) const;
+    ZKSBuiltModel BuildFineGrid(const ZKSModelBuildOptions& options, const std::vector<std::size_t>& training) const;
+    void Finish(ZKSBuiltModel& built) const;
+
     ZKSModelChart chart_;
     std::vector<unsigned char> levels_;
 };
-
-// CIEDE2000 (D50 / 2 degree) between the chart's measured spectra and the
-// library's prediction (ZKCSSE_KELMA_Thread on the float model) of the given
-// patches at their digital levels, in the given order. Both colours come from
-// the library's float XYZ and Little CMS's double XYZ -> CIELAB against the
-// lighting matrix's white. A NaN prediction gives a NaN difference. Throws
-// ZKCModelBuildingError for a patch index outside the chart.
-KELMA_API std::vector<double> PredictionDeltaE00(const ZKSPrinterModelArrays& model, const ZKSModelChart& chart,
-                                                 const std::vector<std::size_t>& patches);
-// Count, mean, 95th percentile (numpy's linear definition) and maximum; all
-// 0 for no values; mean, p95 and max are NaN when any value is NaN.
-KELMA_API ZKSDeltaEStatistics DeltaEStatistics(const std::vector<double>& deltaE);
 
 }  // namespace KELMA_NAMESPACE

@@ -88,6 +88,11 @@ struct Clut {
     unsigned inputs = 0, outputs = 0, grid = 0;
     bool inLab = false;
     std::mutex mutex;
+    // How the table was made, to make it again (pickling, copies): the model
+    // (reduced to its illuminant) or the node bytes as given.
+    ModelPtr model;
+    std::vector<std::uint8_t> nodes;
+    Shape nodeShape;
 
     ~Clut() {
         std::lock_guard<std::mutex> lock(g_clutLifetime);
@@ -119,6 +124,7 @@ ClutPtr FromModel(const ModelPtr& model, long long gridPoints, const py::object&
     clut->inputs = 4;
     clut->outputs = 3;
     clut->grid = n;
+    clut->model = use;
     py::gil_scoped_release release;
     std::lock_guard<std::mutex> lock(g_clutLifetime);
     clut->driver = WithContext("a CLUT from a model needs a 4-ink model",
@@ -150,6 +156,8 @@ ClutPtr FromNodes(const py::object& nodesObj, bool inLab) {
     const std::size_t need = ZKCWorkerCLUT_Thread::NodeArrayBytes(inputs, outputs, kelma::CLUT_ACCURACY(n));
     const std::uint8_t* p = nodes.data();
     const std::size_t have = static_cast<std::size_t>(nodes.size());
+    clut->nodes.assign(p, p + have);
+    clut->nodeShape.assign(nodes.shape(), nodes.shape() + nodes.ndim());
     py::gil_scoped_release release;
     // The workers read the corners of the top cells past the last node: give
     // them zeros there rather than memory beyond the caller's array.
@@ -161,6 +169,22 @@ ClutPtr FromNodes(const py::object& nodesObj, bool inLab) {
                                                       inLab);
     });
     return clut;
+}
+
+// The recipe of a table: ("model", model, grid points) or ("nodes", nodes, in_lab).
+py::tuple ClutState(const Clut& c) {
+    if (c.model) return py::make_tuple(1, "model", c.model, c.grid);
+    py::array_t<std::uint8_t> nodes(c.nodeShape);
+    std::copy(c.nodes.begin(), c.nodes.end(), nodes.mutable_data());
+    return py::make_tuple(1, "nodes", nodes, c.inLab);
+}
+
+ClutPtr ClutFromState(const py::tuple& t) {
+    if (t.size() != 4 || t[0].cast<int>() != 1)
+        ThrowValue("cannot restore a kelma.Clut from this pickled state (another kelma version?)");
+    const std::string kind = t[1].cast<std::string>();
+    if (kind == "model") return FromModel(t[2].cast<ModelPtr>(), t[3].cast<long long>(), py::none());
+    return FromNodes(t[2], t[3].cast<bool>());
 }
 
 py::array ClutApply(Clut& clut, const py::object& pixels, const py::object& out) {
@@ -269,6 +293,11 @@ pixels: uint8 (..., input_channels), at least one pixel.
 out: optional C-contiguous uint8 array of shape (..., output_channels) that
     does not overlap pixels.
 Returns uint8 (..., output_channels).)doc")
+        .def(py::pickle([](const Clut& c) { return ClutState(c); }, [](const py::tuple& t) { return ClutFromState(t); }))
+        .def("__copy__", [](const Clut& c) { return ClutFromState(ClutState(c)); },
+             "A new table made the same way (its own workers).")
+        .def("__deepcopy__", [](const Clut& c, const py::object&) { return ClutFromState(ClutState(c)); },
+             py::arg("memo"))
         .def("__repr__", [](const Clut& c) {
             return "<kelma.Clut " + std::to_string(c.inputs) + " -> " + std::to_string(c.outputs) + ", " +
                    std::to_string(c.grid) + " points per axis" + (c.inLab ? ", CIELAB input" : "") + ">";

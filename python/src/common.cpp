@@ -54,7 +54,7 @@ template CArray<double> AsNumeric<double>(const py::handle&, const char*, unsign
 template <class T>
 CArray<T> AsExact(const py::handle& obj, const char* name) {
     py::array a = AsNdarray(obj, name);
-    if (!a.dtype().is(py::dtype::of<T>())) {
+    if (!a.dtype().equal(py::dtype::of<T>())) {
         const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
         ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a) +
                   " (convert with np.asarray(x, dtype=np." + want + ") after checking the range)");
@@ -90,7 +90,7 @@ CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* nam
     if (!py::isinstance<py::array>(out)) ThrowType(std::string(name) + " must be a numpy array or None");
     py::array a = py::reinterpret_borrow<py::array>(out);
     const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
-    if (!a.dtype().is(py::dtype::of<T>()))
+    if (!a.dtype().equal(py::dtype::of<T>()))
         ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a));
     if (Shape(a.shape(), a.shape() + a.ndim()) != shape)
         ThrowValue(std::string(name) + " must have shape " + ShapeString(shape) + ", got " + ShapeString(a));
@@ -123,6 +123,32 @@ void CheckFinite(const double* p, std::size_t n, const char* name) { CheckFinite
 void CheckNotNaN(const double* p, std::size_t n, const char* name) {
     for (std::size_t i = 0; i < n; ++i)
         if (std::isnan(p[i])) ThrowValue(std::string(name) + " contains NaN at flat index " + std::to_string(i));
+}
+
+std::string IndexString(const py::array& a, const char* name, std::size_t flat) {
+    std::vector<std::size_t> index(static_cast<std::size_t>(a.ndim()));
+    for (py::ssize_t d = a.ndim() - 1; d >= 0; --d) {
+        const auto extent = static_cast<std::size_t>(a.shape(d));
+        index[static_cast<std::size_t>(d)] = extent == 0 ? 0 : flat % extent;
+        flat = extent == 0 ? 0 : flat / extent;
+    }
+    std::string s = std::string(name) + "[";
+    for (std::size_t d = 0; d < index.size(); ++d) s += (d ? ", " : "") + std::to_string(index[d]);
+    return s + "]";
+}
+
+void CheckFloatRange(const py::array_t<double>& a, const char* name) {
+    const double* p = a.data();
+    for (std::size_t i = 0, n = static_cast<std::size_t>(a.size()); i < n; ++i) {
+        const std::string problem = kelma::FloatRangeProblem(p[i]);
+        if (!problem.empty()) ThrowValue(IndexString(a, name, i) + " = " + problem);
+    }
+}
+
+void CheckReflectance(const py::array_t<double>& a, const char* name) {
+    const kelma::ZKSValueProblem problem =
+        kelma::FindReflectanceProblem(a.data(), static_cast<std::size_t>(a.size()));
+    if (problem.found) ThrowValue(IndexString(a, name, problem.index) + " = " + problem.problem);
 }
 
 void ParallelFor(std::size_t total, const std::function<void(std::size_t, std::size_t)>& f,

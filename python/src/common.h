@@ -61,6 +61,12 @@ CArray<T> OutputArray(const py::object& out, const Shape& shape, const char* nam
 void CheckFinite(const float* p, std::size_t n, const char* name);
 void CheckFinite(const double* p, std::size_t n, const char* name);
 void CheckNotNaN(const double* p, std::size_t n, const char* name);
+// The library's plausibility rules (kelma/measurement/SpectralPlausibility.h)
+// on an argument, naming the first offending element as name[i, j, ...]:
+// every value within float32 range; reflectance factors (-0.1 to 2).
+void CheckFloatRange(const py::array_t<double>& a, const char* name);
+void CheckReflectance(const py::array_t<double>& a, const char* name);
+std::string IndexString(const py::array& a, const char* name, std::size_t flat);
 
 // Runs f(start, count) over [0, total) split as the library's drivers split
 // work (one share per processor, remainder on the last); small batches run on
@@ -69,19 +75,30 @@ void ParallelFor(std::size_t total, const std::function<void(std::size_t, std::s
                  std::size_t inlineBelow = 4096);
 
 // Runs `call`; a library failure (a plain character-string exception) comes
-// back as a ValueError holding the library's text followed by `context`.
+// back as a ValueError: `context`, then the library's explanation of its text.
 template <class F>
 auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
     try {
         return call();
     } catch (const char* text) {
-        ThrowValue(std::string(text) + ": " + context);
+        ThrowValue(context + ": " + kelma::ExplainLibraryError(text));
     }
 }
 
 // Lighting matrix from an illuminant description (a name, a 31-value SPD, a
 // sequence of those, or a LightingMatrix) and an observer (2 or 10).
 kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
+
+// A filesystem path argument (str, bytes or os.PathLike) as a string.
+std::string PathString(const py::object& path);
+// Writes a model file at `path` (atomically), the GIL released.
+void WriteModelFile(const kelma::ZKSModelFile& file, const py::object& path);
+// A kelma.ModelFile holding a copy of `file`.
+py::object ModelFileObject(const kelma::ZKSModelFile& file);
+// A chart argument: a kelma.MeasurementFile (its device channels are the
+// inks, in percent; spectra resampled linearly) or a tuple (device_values
+// (patches, N) in percent, spectra (patches, 31)). ink_names only with a tuple.
+kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& inkNames);
 
 // Registration of each part of the module.
 void RegisterColorimetry(py::module_& m);
@@ -90,5 +107,7 @@ void RegisterPrediction(py::module_& m);
 void RegisterSampling(py::module_& m);
 void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
+void RegisterModelFile(py::module_& m);
+void RegisterColour(py::module_& m);
 
 }  // namespace kelma_py

@@ -10,6 +10,22 @@ namespace {
 
 using kelma::ZKSBuiltModel;
 
+// A fit and what the model file records about its chart.
+struct BuiltModel : ZKSBuiltModel {
+    std::string chart;                  // the chart's file name ('' for arrays)
+    std::vector<std::string> inkNames;  // the chart's channel names (may be empty)
+};
+
+kelma::ZKSModelFile FileOf(const BuiltModel& b, const py::object& chart, const py::object& inkNames) {
+    std::vector<std::string> names = b.inkNames;
+    if (!inkNames.is_none()) {
+        if (py::isinstance<py::str>(inkNames)) ThrowType("ink_names must be a sequence of strings, one per ink");
+        names = inkNames.cast<std::vector<std::string>>();
+    }
+    const std::string chartName = chart.is_none() ? b.chart : PathString(chart);
+    return kelma::ZKSModelFile::FromBuiltModel(b, chartName, names);
+}
+
 constexpr unsigned kValues = kelma::kSpectralValues;
 
 template <class T>
@@ -39,43 +55,11 @@ std::shared_ptr<kelma::ZKCSSE_KELMA_Data> ModelOf(const kelma::ZKSPrinterModelAr
         arrays.Model(lm, static_cast<kelma::INK_SET>(inkSet), mediaRelative, absolute));
 }
 
-kelma::ZKSModelChart Chart(const py::object& chart, const py::object& inkNames) {
-    if (py::isinstance<kelma::ZKCMeasurementFile>(chart)) {
-        if (!inkNames.is_none()) ThrowValue("ink_names come from the measurement file's channel names");
-        const auto& file = chart.cast<const kelma::ZKCMeasurementFile&>();
-        py::gil_scoped_release release;
-        return kelma::ChartFromMeasurementFile(file);
-    }
-    if (!py::isinstance<py::tuple>(chart) || py::len(chart) != 2)
-        ThrowType("chart must be a MeasurementFile or a tuple (device_values, spectra)");
-    py::tuple t = chart.cast<py::tuple>();
-    auto device = AsNumeric<double>(t[0], "device_values", kFloat | kInteger);
-    auto spectra = AsNumeric<double>(t[1], "spectra", kFloat | kInteger);
-    if (device.ndim() != 2 || device.shape(0) < 1)
-        ThrowValue("device_values must be (patches, inks) in percent, got shape " + ShapeString(device));
-    const Shape want{device.shape(0), kValues};
-    if (Shape(spectra.shape(), spectra.shape() + spectra.ndim()) != want)
-        ThrowValue("spectra must be " + ShapeString(want) +
-                   ": one reflectance spectrum at 400-700 nm (10 nm) per patch, got " + ShapeString(spectra));
-    kelma::ZKSModelChart c;
-    c.numberOfInks = static_cast<unsigned>(device.shape(1));
-    c.deviceValues.assign(device.data(), device.data() + device.size());
-    c.spectra.assign(spectra.data(), spectra.data() + spectra.size());
-    if (!inkNames.is_none()) {
-        try {
-            c.inkNames = inkNames.cast<std::vector<std::string>>();
-        } catch (const py::cast_error&) {
-            ThrowType("ink_names must be a sequence of strings");
-        }
-    }
-    return c;
-}
-
-ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
+BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
                     const py::object& training, double fixedN, bool fitN, double nMin, double nMax,
                     bool estimateMissing, const py::object& coarse, unsigned maxIterations,
-                    const py::object& inkNames) {
-    kelma::ZKSModelChart chart = Chart(chartObj, inkNames);
+                    const py::object& inkNames, const py::object& fineBase, const py::object& finePrior) {
+    kelma::ZKSModelChart chart = ChartArgument(chartObj, inkNames);
     kelma::ZKSModelBuildOptions o;
     auto g = AsNumeric<double>(grid, "grid_percent", kFloat | kInteger);
     if (g.ndim() == 1)
@@ -114,15 +98,45 @@ ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const st
         o.coarseGridPercent.assign(c.data(), c.data() + c.size());
     }
     o.maxIterations = maxIterations;
+    BuiltModel result;
+    if (py::isinstance<kelma::ZKCMeasurementFile>(chartObj)) {
+        const std::string path = chartObj.cast<const kelma::ZKCMeasurementFile&>().Data().file;
+        result.chart = path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
+    }
+    result.inkNames = chart.inkNames;
+    if (!fineBase.is_none()) {
+        auto b = AsNumeric<double>(fineBase, "fine_base_grid_percent", kFloat | kInteger);
+        if (b.ndim() != 1)
+            ThrowValue("fine_base_grid_percent must be (G,) levels in percent for every ink, got shape " +
+                       ShapeString(b));
+        o.fineBaseGridPercent.assign(b.data(), b.data() + b.size());
+    }
+    if (py::isinstance<py::str>(finePrior)) {
+        if (finePrior.cast<std::string>() != "auto")
+            ThrowValue("fine_prior must be 'auto' or a positive number of patches per node, got '" +
+                       finePrior.cast<std::string>() + "'");
+    } else {
+        if (py::isinstance<py::bool_>(finePrior) ||
+            !(py::isinstance<py::float_>(finePrior) || py::isinstance<py::int_>(finePrior) ||
+              py::isinstance(finePrior, py::module_::import("numpy").attr("number"))))
+            ThrowType("fine_prior must be 'auto' or a positive number of patches per node");
+        const double w = finePrior.cast<double>();
+        if (!(w > 0.0 && std::isfinite(w)))
+            ThrowValue("fine_prior must be 'auto' or a positive number of patches per node, got " + std::to_string(w));
+        if (o.fineBaseGridPercent.empty()) ThrowValue("fine_prior needs fine_base_grid_percent (the fine-grid fit)");
+        o.finePriorWeight = w;
+    }
     py::gil_scoped_release release;
     kelma::ZKCModelBuilder builder(chart);
-    return builder.Build(o);
+    static_cast<ZKSBuiltModel&>(result) = builder.Build(o);
+    return result;
 }
 
-py::dict Stats(const kelma::ZKSDeltaEStatistics& s) {
+py::dict Stats(const kelma::ZKSStatistics& s) {
     py::dict d;
     d["count"] = s.count;
     d["mean"] = s.mean;
+    d["median"] = s.median;
     d["p95"] = s.p95;
     d["max"] = s.max;
     return d;
@@ -149,40 +163,63 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
         "default_press_model_arrays", [] { return ArraysDict(kelma::DefaultPressModelArrays()); },
         "The default press model's arrays as fitted (float64): dict grid (4, 3), ramps (4, 256), scheme, n.");
 
-    py::class_<ZKSBuiltModel, std::shared_ptr<ZKSBuiltModel>>(m, "BuiltModel",
+    py::class_<BuiltModel, std::shared_ptr<BuiltModel>>(m, "BuiltModel",
                                                              "A model fitted by kelma.build_model, with its fit report.")
-        .def_property_readonly("arrays", [](const ZKSBuiltModel& b) { return ArraysDict(b.model); },
+        .def_property_readonly("arrays", [](const BuiltModel& b) { return ArraysDict(b.model); },
                                "dict grid (N, G), ramps (N, 256), scheme (cells, 31, 2^N) as float64, and n.")
-        .def_property_readonly("n", [](const ZKSBuiltModel& b) { return b.model.n; })
+        .def_property_readonly("n", [](const BuiltModel& b) { return b.model.n; })
         .def_property_readonly("method",
-                               [](const ZKSBuiltModel& b) { return b.method == kelma::MODELFIT_REFINED ? "refined" : "classic"; })
-        .def_property_readonly("training_patches", [](const ZKSBuiltModel& b) { return b.trainingPatches; })
-        .def_property_readonly("node_patches", [](const ZKSBuiltModel& b) { return b.nodePatches; })
-        .def_property_readonly("ramp_patches", [](const ZKSBuiltModel& b) { return b.rampPatches; })
-        .def_property_readonly("estimated_nodes", [](const ZKSBuiltModel& b) { return b.estimatedNodes; })
+                               [](const BuiltModel& b) { return b.method == kelma::MODELFIT_REFINED ? "refined" : "classic"; })
+        .def_property_readonly("training_patches", [](const BuiltModel& b) { return b.trainingPatches; })
+        .def_property_readonly("node_patches", [](const BuiltModel& b) { return b.nodePatches; })
+        .def_property_readonly("ramp_patches", [](const BuiltModel& b) { return b.rampPatches; })
+        .def_property_readonly("estimated_nodes", [](const BuiltModel& b) { return b.estimatedNodes; })
         .def_property_readonly(
             "training_delta_e",
-            [](const ZKSBuiltModel& b) { return Array(b.trainingDeltaE, {py::ssize_t(b.trainingDeltaE.size())}); },
+            [](const BuiltModel& b) { return Array(b.trainingDeltaE, {py::ssize_t(b.trainingDeltaE.size())}); },
             "CIEDE2000 of each training patch as the library predicts it (D50, 2 degree).")
-        .def_property_readonly("fit_error", [](const ZKSBuiltModel& b) { return Stats(b.fitError); },
+        .def_property_readonly("fit_error", [](const BuiltModel& b) { return Stats(b.fitError); },
                                "dict count, mean, p95, max of training_delta_e.")
-        .def_property_readonly("iterations", [](const ZKSBuiltModel& b) { return b.iterations; })
-        .def_property_readonly("clamped_node_values", [](const ZKSBuiltModel& b) { return b.clampedNodeValues; })
+        .def_property_readonly("iterations", [](const BuiltModel& b) { return b.iterations; })
+        .def_property_readonly("clamped_node_values", [](const BuiltModel& b) { return b.clampedNodeValues; })
+        .def_property_readonly("fine_prior", [](const BuiltModel& b) { return b.finePriorWeight; },
+                               "The fine-grid fit's prior weight in patches per node (0.0 for a direct fit).")
         .def(
             "model",
-            [](const ZKSBuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
+            [](const BuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
                std::uint32_t inkSet, bool absolute) {
                 return ModelOf(b.model, illuminants, observer, mediaRelative, inkSet, absolute);
             },
             py::arg("illuminants") = "D50", py::arg("observer") = py::none(), py::kw_only(),
             py::arg("media_relative") = false, py::arg("ink_set") = 127u, py::arg("absolute_colorimetric") = false,
-            "The fitted model as a kelma.Model (from its float arrays) under the given illuminants.");
+            "The fitted model as a kelma.Model (from its float arrays) under the given illuminants.")
+        .def_property_readonly("chart", [](const BuiltModel& b) { return b.chart; },
+                               "File name of the chart it was fitted to ('' for a chart given as arrays).")
+        .def_property_readonly("ink_names", [](const BuiltModel& b) { return b.inkNames; },
+                               "The chart's channel names ([] for a chart given as arrays without names).")
+        .def(
+            "model_file",
+            [](const BuiltModel& b, const py::object& chart, const py::object& inkNames) {
+                return ModelFileObject(FileOf(b, chart, inkNames));
+            },
+            py::kw_only(), py::arg("chart") = py::none(), py::arg("ink_names") = py::none(),
+            R"doc(The fit as a kelma.ModelFile: the float64 arrays as fitted (the model is their
+float32 rounding, as model() builds it), D50 / 2 degree, the chart, fit method,
+training patch count and CIEDE2000. chart and ink_names default to the chart's.)doc")
+        .def(
+            "save",
+            [](const BuiltModel& b, const py::object& path, const py::object& chart, const py::object& inkNames) {
+                WriteModelFile(FileOf(b, chart, inkNames), path);
+            },
+            py::arg("path"), py::kw_only(), py::arg("chart") = py::none(), py::arg("ink_names") = py::none(),
+            "Writes model_file(...) at exactly `path` (atomically).");
 
     m.def("build_model", &Build, py::arg("chart"), py::arg("grid_percent"), py::kw_only(),
           py::arg("method") = "refined", py::arg("training_patches") = py::none(), py::arg("fixed_n") = 0.0,
           py::arg("fit_n") = true, py::arg("n_min") = 1.0, py::arg("n_max") = 10.0,
           py::arg("estimate_missing_nodes") = false, py::arg("coarse_grid_percent") = py::none(),
           py::arg("max_iterations") = 100u, py::arg("ink_names") = py::none(),
+          py::arg("fine_base_grid_percent") = py::none(), py::arg("fine_prior") = "auto",
           R"doc(Fits a cellular Yule-Nielsen modified spectral Neugebauer model to a chart.
 
 chart: a kelma.MeasurementFile (device channels are the inks, spectra
@@ -190,11 +227,19 @@ chart: a kelma.MeasurementFile (device channels are the inks, spectra
     0-100, spectra (patches, 31) reflectance at 400-700 nm); N is 4, 6 or 7.
 grid_percent: (G,) grid levels in percent for every ink, or (N, G) per ink;
     first 0, last 100; every grid node must be a measured patch unless
-    estimate_missing_nodes (from a classic model on coarse_grid_percent).
+    estimate_missing_nodes (from a classic model on coarse_grid_percent,
+    default [0, 100]; by the overprint rule where that grid is not coarser)
+    or the fine-grid fit is used.
 method: 'refined' (least-squares nodes, Levenberg-Marquardt on CIEDE2000)
     or 'classic' (measured nodes, ramps from single-ink patches).
 training_patches: patch indices to fit to (default all).
 fixed_n: > 0 to fix (classic) or start (refined) n; 0 searches [n_min, n_max].
+fine_base_grid_percent: (G,) levels of a base model: the model is fitted by
+    `method` on this grid, then the nodes of grid_percent are fitted by
+    regularised least squares toward its prediction, keeping its ramps and
+    n; only the base grid's nodes must be measured.
+fine_prior: the weight of that prior in patches per node (a positive
+    number), or 'auto' to choose it from the training patches alone.
 Returns a kelma.BuiltModel; problems raise kelma.ModelBuildingError (a
 ValueError) naming them.)doc");
 }

@@ -10,16 +10,10 @@ namespace {
 
 namespace py = pybind11;
 
-// The library reports failures as plain character strings with fixed texts.
-bool IsArgumentText(const char* text) {
-    return std::strcmp(text, "DefaultCase") == 0 || std::strcmp(text, "Invalid IlluminantIndex") == 0 ||
-           std::strcmp(text, "Wavelength-list has less than 2 elements") == 0 ||
-           std::strcmp(text, "Invalid wavelength range") == 0;
-}
 
 }  // namespace
 
-PYBIND11_MODULE(kelma, m) {
+PYBIND11_MODULE(_kelma, m) {
     m.doc() = R"doc(Spectral printer-model library: cellular Yule-Nielsen modified spectral
 Neugebauer prediction of halftone prints (4, 6 or 7 inks), colorimetry
 (CIE XYZ, CIELAB, LAB2000HL), spectral resampling, CGATS measurement files
@@ -31,12 +25,16 @@ Y = 1); ink values and colour bytes are uint8 with the channels on the last
 axis. Every computation runs on all processors (see set_cpu_count_override)
 with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
 
+    m.attr("__version__") = KELMA_VERSION;
     py::register_exception<kelma::ZKCMeasurementError>(m, "MeasurementError", PyExc_ValueError);
     py::register_exception_translator([](std::exception_ptr p) {
         try {
             if (p) std::rethrow_exception(p);
         } catch (const char* text) {
-            PyErr_SetString(IsArgumentText(text) ? PyExc_ValueError : PyExc_RuntimeError, text);
+            // The library's fixed texts, explained (kelma/common/LibraryErrors.h).
+            const kelma::ZKSLibraryError e = kelma::FindLibraryError(text);
+            PyErr_SetString(e.kind == kelma::LIBRARY_ERROR_ARGUMENT ? PyExc_ValueError : PyExc_RuntimeError,
+                            kelma::ExplainLibraryError(text).c_str());
         }
     });
 
@@ -74,4 +72,6 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterSampling(m);
     kelma_py::RegisterClut(m);
     kelma_py::RegisterModelBuilding(m);
+    kelma_py::RegisterModelFile(m);
+    kelma_py::RegisterColour(m);
 }

@@ -58,7 +58,7 @@ void ResampleInto(kelma::ZKCSpectralSampling_Thread& sampler, const float* in, s
 }
 
 py::array_t<float> Resample(const py::object& spectraObj, const py::object& wavelengthsObj,
-                            const std::string& methodName) {
+                            const std::string& methodName, bool extrapolate) {
     const kelma::SPECTRALSAMPLING_METHOD method = Method(methodName);
     auto wl = AsNumeric<double>(wavelengthsObj, "wavelengths", kFloat | kInteger);
     if (wl.ndim() != 1) ThrowValue("wavelengths must be 1-D (nm), got shape " + ShapeString(wl));
@@ -71,17 +71,30 @@ py::array_t<float> Resample(const py::object& spectraObj, const py::object& wave
             s << "wavelengths must be strictly ascending, got " << w[i - 1] << " then " << w[i] << " at index " << i;
             ThrowValue(s.str());
         }
+    // The library's plausibility rules, as the measurement-file reader applies them.
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::string problem = kelma::WavelengthProblem(w[i]);
+        if (!problem.empty()) ThrowValue("wavelengths[" + std::to_string(i) + "]: " + problem);
+    }
+    if (!extrapolate) {
+        const std::string gap = kelma::SpectralCoverageProblem(w.data(), n);
+        if (!gap.empty()) ThrowValue(gap);
+    }
     if (method == kelma::SPECTRALSAMPLING_CUBICSPLINE && n > kMaxSplineKnots)
         ThrowValue("the spline takes at most " + std::to_string(kMaxSplineKnots) + " wavelengths, got " +
                    std::to_string(n) + " (use method='linear' or thin the list)");
-    auto spectra = AsNumeric<float>(spectraObj, "spectra", kFloat | kInteger);
+    // Checked in double, before single precision could turn 1e300 into inf.
+    auto spectra = AsNumeric<double>(spectraObj, "spectra", kFloat | kInteger);
     Shape shape;
     const std::size_t count =
         BatchCount(spectra, "spectra", static_cast<py::ssize_t>(n), "one value per wavelength", &shape);
     CheckFinite(spectra.data(), spectra.size(), "spectra");
+    CheckFloatRange(spectra, "spectra");
+    CheckReflectance(spectra, "spectra");
+    std::vector<float> single(spectra.data(), spectra.data() + spectra.size());
     shape.push_back(kValues);
     py::array_t<float> out(shape);
-    const float* in = spectra.data();
+    const float* in = single.data();
     float* o = out.mutable_data();
     {
         py::gil_scoped_release release;
@@ -117,7 +130,7 @@ std::uint32_t Required(const py::object& required) {
 
 using FilePtr = std::shared_ptr<kelma::ZKCMeasurementFile>;
 
-FilePtr OpenFile(const py::object& pathObj, const py::object& required) {
+FilePtr OpenFile(const py::object& pathObj, const py::object& required, bool extrapolate) {
     const std::string path = py::str(py::module_::import("os").attr("fspath")(pathObj)).cast<std::string>();
     const std::uint32_t mask = Required(required);
     struct stat info;
@@ -125,8 +138,10 @@ FilePtr OpenFile(const py::object& pathObj, const py::object& required) {
         PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
         throw py::error_already_set();
     }
+    kelma::ZKSMeasurementOptions options;
+    options.extrapolate = extrapolate;
     py::gil_scoped_release release;
-    return std::make_shared<kelma::ZKCMeasurementFile>(path, mask);
+    return std::make_shared<kelma::ZKCMeasurementFile>(path, mask, options);
 }
 
 template <class T>
@@ -140,29 +155,47 @@ py::array_t<T> Table(const std::vector<T>& v, py::ssize_t rows, py::ssize_t colu
 
 void RegisterSampling(py::module_& m) {
     m.def("resample", &Resample, py::arg("spectra"), py::arg("wavelengths"), py::arg("method") = "linear",
-          R"doc(Resamples spectra onto 400-700 nm in 10 nm steps (kelma.WAVELENGTHS), on all processors.
+          py::kw_only(), py::arg("extrapolate") = false,
+          R"doc(Resamples reflectance spectra onto 400-700 nm in 10 nm steps (kelma.WAVELENGTHS), on all processors.
 
-spectra: real (..., n), one finite value per wavelength on the last axis.
-wavelengths: n strictly ascending, finite wavelengths in nm (n >= 2); the
-    list must start at or below 400 nm or end at or above 700 nm. Grid
-    wavelengths outside the list are extrapolated from its first or last
-    interval.
+spectra: real (..., n), one reflectance factor per wavelength on the last
+    axis: finite, within float32 range, and between -0.1 and 2 (values in
+    percent are refused: divide them by 100).
+wavelengths: n strictly ascending wavelengths in nm (n >= 2), within
+    300-1100 nm (micrometres or angstrom are refused with the factor to
+    convert them).
 method: 'linear' (piecewise linear) or 'spline' (cubic spline with zero
     slope at both ends; at most 1024 wavelengths).
+extrapolate: the list must reach to within 10 nm of 400 nm and of 700 nm;
+    with extrapolate=True it need only start at or below 400 nm or end at or
+    above 700 nm, and grid wavelengths outside it are extrapolated from its
+    first or last interval.
 Returns float32 (..., 31).)doc");
 
     py::class_<kelma::ZKCMeasurementFile, FilePtr>(m, "MeasurementFile", R"doc(
 Patches of a CGATS / ISO 28178 measurement file (e.g. a characterisation
 chart), as numpy arrays.
 
-MeasurementFile(path, required='spectra')
-    path: str or os.PathLike.
+MeasurementFile(path, required='spectra', *, extrapolate=False)
+    path: str or os.PathLike of a regular file of at most 64 MiB. Text that
+        is not UTF-8 is read as Windows-1252 (Latin-1); a byte order mark
+        (UTF-8 or UTF-16) is honoured; strings come back as str.
     required: 'spectra', 'lab', 'device', a sequence of those, or None/'any':
         content whose absence is an error.
-Problems with the file raise kelma.MeasurementError (a ValueError) naming it;
-a missing file raises FileNotFoundError.
+    extrapolate: resample() refuses spectra whose wavelengths leave more than
+        10 nm of 400-700 nm uncovered at either end, unless this is True
+        (grid wavelengths outside the file's range are then extrapolated
+        from its first or last interval).
+Every value must be a finite number within float32 range; spectral fields
+must name wavelengths of 300-1100 nm and hold reflectance factors (-0.1 to 2;
+percent is refused). Problems with the file raise kelma.MeasurementError (a
+ValueError) naming it, with the line and field where there is one; a missing
+file raises FileNotFoundError.
 )doc")
-        .def(py::init(&OpenFile), py::arg("path"), py::arg("required") = "spectra")
+        .def(py::init(&OpenFile), py::arg("path"), py::arg("required") = "spectra", py::kw_only(),
+             py::arg("extrapolate") = false)
+        .def_property_readonly("extrapolate",
+                               [](const kelma::ZKCMeasurementFile& f) { return f.Options().extrapolate; })
         .def_property_readonly("path", [](const kelma::ZKCMeasurementFile& f) { return f.Data().file; })
         .def_property_readonly("patch_count", [](const kelma::ZKCMeasurementFile& f) { return f.Data().PatchCount(); })
         .def_property_readonly("sample_ids", [](const kelma::ZKCMeasurementFile& f) { return f.Data().sampleIds; },

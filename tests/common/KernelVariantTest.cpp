@@ -28,8 +28,9 @@ TEST(KernelVariant, TheCapLowersTheActiveVariantAndNeverRaisesIt) {
         EXPECT_EQ(ActiveKernelVariant(), v < best ? v : best);
         EXPECT_TRUE(KernelVariantSupported(ActiveKernelVariant()));
         // Each variant needs the features of the narrower ones.
-        if (KernelVariantSupported(static_cast<KERNEL_VARIANT>(v)) && v > 0)
+        if (KernelVariantSupported(static_cast<KERNEL_VARIANT>(v)) && v > 0) {
             EXPECT_TRUE(KernelVariantSupported(static_cast<KERNEL_VARIANT>(v - 1)));
+        }
     }
     SetKernelVariantCap(before);
 }

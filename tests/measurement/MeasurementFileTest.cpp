@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "kelma/measurement/ZKCMeasurementFile.h"
 
@@ -178,47 +183,234 @@ TEST(MeasurementFile, RequiredContentIsChecked) {
               std::string::npos);
 }
 
-TEST(MeasurementFile, BadFilesThrowAnErrorNamingFileAndProblem) {
-    struct Case {
-        const char* file;
-        const char* problem;
-    };
-    const Case cases[] = {
-        {"no_such_file.txt", "cannot open the file (No such file or directory)"},
-        {"bad_empty.txt", "file is empty"},
-        {"bad_not_cgats.txt", "no data format"},
-        {"bad_unclosed_format.txt", "line 6: BEGIN_DATA before END_DATA_FORMAT"},
-        {"bad_set_count.txt", "not a readable CGATS file: Line 13, Count mismatch. NUMBER_OF_SETS was 4, found 3"},
-        {"bad_ragged.txt", "line 10 has 6 values, expected 7"},
-        {"bad_nonnumeric.txt", "line 10, field SPECTRAL_NM700: 'abc' is not a number"},
-        {"bad_nan.txt", "line 10, field SPECTRAL_NM700: 'nan' is not a number"},
-        {"bad_exponent.txt", "'3e-1' is not a number (the CGATS parser misreads this exponent form"},
-        {"bad_missing_channel.txt", "device channel fields incomplete, missing CMYK_K"},
-        {"bad_missing_lab.txt", "CIELAB fields incomplete, missing LAB_B"},
-        {"bad_duplicate_wavelength.txt", "wavelength 400 nm appears in two spectral fields"},
-        {"bad_wavelength_name.txt", "cannot read the wavelength of field SPECTRAL_NM40O"},
-    };
-    for (const Case& c : cases) {
-        const std::string path = kDataDir + c.file;
-        std::string what = MeasurementError([&] { ZKCMeasurementFile f(path); }, path);
-        EXPECT_NE(what.find(c.problem), std::string::npos) << c.file << " gave: " << what;
+namespace {
+
+// One row of data/bad_files.tsv: a file with one fault and what the reader says.
+struct BadFile {
+    std::string file, stage, problem;
+    bool sameWithDevice;
+};
+
+std::vector<BadFile> BadFiles() {
+    std::ifstream in(kDataDir + "bad_files.tsv");
+    std::vector<BadFile> rows;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        std::vector<std::string> f;
+        std::stringstream ss(line);
+        std::string item;
+        while (std::getline(ss, item, '\t')) f.push_back(item);
+        if (f.size() == 4) rows.push_back({f[0], f[1], f[3], f[2] == "y"});
     }
-    // A directory opens but cannot be read.
-    std::string what = MeasurementError([&] { ZKCMeasurementFile f(kDataDir); }, kDataDir);
-    EXPECT_NE(what.find("cannot read the file"), std::string::npos) << what;
+    return rows;
+}
+
+}  // namespace
+
+TEST(MeasurementFile, BadFilesThrowAnErrorNamingFileAndProblem) {
+    const std::vector<BadFile> rows = BadFiles();
+    ASSERT_GE(rows.size(), 26u);
+    for (const BadFile& c : rows) {
+        const std::string path = kDataDir + c.file;
+        std::vector<std::uint32_t> masks = {MEASUREMENT_CONTENT_SPECTRA};
+        if (c.sameWithDevice) masks.push_back(MEASUREMENT_CONTENT_SPECTRA | MEASUREMENT_CONTENT_DEVICE);
+        for (std::uint32_t mask : masks) {
+            std::string what;
+            if (c.stage == "read") {
+                what = MeasurementError([&] { ZKCMeasurementFile f(path, mask); }, path);
+            } else {
+                ZKCMeasurementFile f(path, mask);
+                what = MeasurementError([&] { f.Resample(SPECTRALSAMPLING_LINEAR); }, path);
+            }
+            EXPECT_NE(what.find(c.problem), std::string::npos) << c.file << " gave: " << what;
+            // One line, and never a bare library tag.
+            EXPECT_EQ(what.find('\n'), std::string::npos) << what;
+        }
+    }
     // Hosts can catch the standard base.
     EXPECT_THROW(ZKCMeasurementFile(kDataDir + "bad_ragged.txt"), std::runtime_error);
 }
 
-TEST(MeasurementFile, WavelengthListsTheResamplerRejectsAreFileErrors) {
+TEST(MeasurementFile, ResamplingRefusalsExplainTheLibraryText) {
     const std::string range = kDataDir + "bad_wavelength_range.txt";
     ZKCMeasurementFile narrow(range);  // 410-690 nm reads fine
     EXPECT_NE(MeasurementError([&] { narrow.Resample(SPECTRALSAMPLING_CUBICSPLINE); }, range)
-                  .find("spectral fields 410-690 nm: Invalid wavelength range"),
+                  .find("spectral fields 410-690 nm: the wavelengths must start at or below 400 nm or end at or above "
+                        "700 nm (library error \"Invalid wavelength range\")"),
               std::string::npos);
     const std::string oneBand = kDataDir + "bad_one_band.txt";
     ZKCMeasurementFile single(oneBand);
     EXPECT_NE(MeasurementError([&] { single.Resample(SPECTRALSAMPLING_LINEAR); }, oneBand)
-                  .find("Wavelength-list has less than 2 elements"),
+                  .find("(library error \"Wavelength-list has less than 2 elements\")"),
+              std::string::npos);
+}
+
+namespace {
+
+// A scratch folder for files the tests make (FIFOs, sparse files), removed afterwards.
+class ScratchDir {
+public:
+    ScratchDir() {
+        char name[] = "/tmp/kelma_measurement_XXXXXX";
+        path_ = ::mkdtemp(name) != nullptr ? name : "";
+    }
+    ~ScratchDir() {
+        if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
+    }
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+}  // namespace
+
+TEST(MeasurementFile, OnlyRegularFilesWithinTheSizeBoundAreRead) {
+    ScratchDir dir;
+    ASSERT_FALSE(dir.Path().empty());
+    const std::string fifo = dir.Path() + "/chart.fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // A sparse file one byte over the bound: refused from its size, not read.
+    const std::string big = dir.Path() + "/big.txt";
+    {
+        std::ofstream out(big);
+        out << "CGATS.17\n";
+    }
+    ASSERT_EQ(::truncate(big.c_str(), static_cast<off_t>(kMaxMeasurementFileBytes + 1)), 0);
+    const std::string atBound = dir.Path() + "/at_bound.txt";
+    {
+        std::ofstream out(atBound);
+        out << "CGATS.17\n";
+    }
+    ASSERT_EQ(::truncate(atBound.c_str(), static_cast<off_t>(kMaxMeasurementFileBytes)), 0);
+
+    struct Case {
+        std::string path, problem;
+    };
+    const Case cases[] = {
+        {kDataDir + "no_such_file.txt", "cannot open the file (No such file or directory)"},
+        {dir.Path(), "is a directory, not a measurement file"},
+        {"/dev/zero", "is not a regular file (a device, FIFO or socket)"},
+        {"/dev/null", "is not a regular file (a device, FIFO or socket)"},
+        {fifo, "is not a regular file (a device, FIFO or socket)"},
+        {big, "file is 67108865 bytes, larger than the 64 MiB a measurement file may have"},
+        // At the bound the file is read: its NUL padding makes it no text file.
+        {atBound, "holds a NUL character (at line 2): not a text file"},
+    };
+    for (const Case& c : cases) {
+        const std::string what = MeasurementError([&] { ZKCMeasurementFile f(c.path); }, c.path);
+        EXPECT_NE(what.find(c.problem), std::string::npos) << c.path << " gave: " << what;
+    }
+    // Contents in memory have the same bound.
+    const std::string tooMuch(kMaxMeasurementFileBytes + 1, ' ');
+    EXPECT_NE(MeasurementError([&] { ZKCMeasurementFile::FromText("memory", tooMuch); }, "memory").find("larger than"),
+              std::string::npos);
+}
+
+TEST(MeasurementFile, TextThatIsNotUtf8IsReadAndComesBackAsUtf8) {
+    // The same chart in Latin-1, in UTF-8 behind a byte order mark, and in UTF-16LE behind one.
+    const std::string latin1 = kDataDir + "good_latin1.txt";
+    const ZKCMeasurementFile reference(latin1, MEASUREMENT_CONTENT_SPECTRA | MEASUREMENT_CONTENT_DEVICE);
+    const ZKSMeasurementData& d = reference.Data();
+    EXPECT_EQ(d.sampleIds, (std::vector<std::string>{"Caf\xC3\xA9 cr\xC3\xA8me", "Schwarz_gr\xC3\xB6\xC3\x9Fte"}));
+    EXPECT_EQ(reference.Property("DESCRIPTOR"), "Pr\xC3\xBC" "fdruck f\xC3\xBCr \xC3\x96l");
+    EXPECT_EQ(reference.Property("ORIGINATOR"), "kelma tests");
+    EXPECT_EQ(d.channelNames, (std::vector<std::string>{"CMYK_C", "CMYK_M", "CMYK_Y", "CMYK_K"}));
+    EXPECT_EQ(std::vector<float>(d.spectra.begin(), d.spectra.begin() + 3), (std::vector<float>{0.81f, 0.87f, 0.88f}));
+    for (const char* other : {"good_utf8_bom.txt", "good_utf16le_bom.txt"}) {
+        const ZKCMeasurementFile f(kDataDir + other);
+        EXPECT_EQ(f.Data().sampleIds, d.sampleIds) << other;
+        EXPECT_EQ(f.Data().spectra, d.spectra) << other;
+        EXPECT_EQ(f.Data().deviceValues, d.deviceValues) << other;
+        EXPECT_EQ(f.Property("DESCRIPTOR"), reference.Property("DESCRIPTOR")) << other;
+    }
+    // Windows-1252's typographic characters (0x80-0x9F) become their Unicode letters.
+    const std::string cp1252 =
+        "CGATS.17\nNUMBER_OF_FIELDS 3\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM400 SPECTRAL_NM700\nEND_DATA_FORMAT\n"
+        "NUMBER_OF_SETS 2\nBEGIN_DATA\n\x80uro 0.5 0.6\n\"\x93q\x94\" 0.4 0.5\nEND_DATA\n";
+    const ZKCMeasurementFile quoted = ZKCMeasurementFile::FromText("cp1252", cp1252);
+    EXPECT_EQ(quoted.Data().sampleIds, (std::vector<std::string>{"\xE2\x82\xACuro", "\xE2\x80\x9Cq\xE2\x80\x9D"}));
+}
+
+TEST(MeasurementFile, FromTextReadsLikeTheFile) {
+    const std::string path = kDataDir + "good_6clr_crlf.txt";
+    std::ifstream in(path, std::ios::binary);
+    const std::string contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const ZKCMeasurementFile fromFile(path, MEASUREMENT_CONTENT_ANY);
+    const ZKCMeasurementFile fromText = ZKCMeasurementFile::FromText("six colours", contents, MEASUREMENT_CONTENT_ANY);
+    EXPECT_EQ(fromText.Data().file, "six colours");
+    EXPECT_EQ(fromText.Data().sampleIds, fromFile.Data().sampleIds);
+    EXPECT_EQ(fromText.Data().spectra, fromFile.Data().spectra);
+    EXPECT_EQ(fromText.Data().lab, fromFile.Data().lab);
+    EXPECT_EQ(fromText.Property("CREATED"), fromFile.Property("CREATED"));
+}
+
+TEST(MeasurementFile, SpectraShortOfTheGridAreExtrapolatedOnlyWhenAsked) {
+    // 450-730 nm, linear in wavelength: 0.5 at 450 nm rising 0.001 per nm.
+    std::string text =
+        "CGATS.17\nNUMBER_OF_FIELDS 5\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM450 SPECTRAL_NM550 SPECTRAL_NM650 "
+        "SPECTRAL_NM730\nEND_DATA_FORMAT\nNUMBER_OF_SETS 1\nBEGIN_DATA\n1 0.5 0.6 0.7 0.78\nEND_DATA\n";
+    const ZKCMeasurementFile strict = ZKCMeasurementFile::FromText("gap", text);
+    EXPECT_FALSE(strict.Options().extrapolate);
+    EXPECT_EQ(MeasurementError([&] { strict.Resample(SPECTRALSAMPLING_LINEAR); }, "gap"),
+              "gap: spectral fields: wavelengths 450-730 nm do not reach down to 400 nm: 400-440 nm would be "
+              "extrapolated, more than the 10 nm allowed at either end; measure 400-700 nm, or enable the extrapolate "
+              "option to extrapolate from the end intervals");
+    ZKSMeasurementOptions options;
+    options.extrapolate = true;
+    const ZKCMeasurementFile lenient = ZKCMeasurementFile::FromText("gap", text, MEASUREMENT_CONTENT_SPECTRA, options);
+    EXPECT_EQ(lenient.Data().spectra, strict.Data().spectra);
+    for (SPECTRALSAMPLING_METHOD method : {SPECTRALSAMPLING_LINEAR, SPECTRALSAMPLING_CUBICSPLINE}) {
+        AlignedBuffer<float> out = lenient.Resample(method);
+        // The linear method continues the first interval's line down to 400 nm.
+        if (method == SPECTRALSAMPLING_LINEAR) {
+            for (unsigned i = 0; i < kSpectralValues; ++i) EXPECT_NEAR(out[i], 0.45 + 0.01 * i, 2e-6) << i;
+        }
+        for (unsigned i = 0; i < kSpectralValues; ++i) EXPECT_TRUE(std::isfinite(out[i]));
+    }
+    // One 10 nm step at either end is no gap: 410-690 nm passes this rule (and the resampler's own then refuses it).
+    const std::string oneStep = kDataDir + "bad_wavelength_range.txt";
+    EXPECT_EQ(MeasurementError([&] { ZKCMeasurementFile(oneStep).Resample(SPECTRALSAMPLING_LINEAR); }, oneStep)
+                  .find("would be extrapolated"),
+              std::string::npos);
+}
+
+TEST(MeasurementFile, ValuesAFloatCannotHoldAreRefusedWithTheirLineAndField) {
+    // One CIELAB value per case: device values, CIELAB and spectra share the rule.
+    auto Chart = [](const std::string& labA) {
+        return "CGATS.17\nNUMBER_OF_FIELDS 6\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM400 SPECTRAL_NM700 LAB_L LAB_A "
+               "LAB_B\nEND_DATA_FORMAT\nNUMBER_OF_SETS 2\nBEGIN_DATA\n1 0.5 0.6 50 0 0\n2 0.5 0.6 50 " +
+               labA + " 0\nEND_DATA\n";
+    };
+    struct Case {
+        const char* written;
+        const char* problem;
+    };
+    const Case refused[] = {
+        {"1.0e300", "line 9, field LAB_A: '1.0e300' is outside the range of a 32-bit float (magnitude at most "
+                    "3.40282e+38)"},
+        // The parser misreads this form; what was written decides the message.
+        {"1e+300", "line 9, field LAB_A: '1e+300' is outside the range of a 32-bit float"},
+        {"-3.5e38", "'-3.5e38' is outside the range of a 32-bit float"},
+        {"1e99999", "'1e99999' is outside the range of a 32-bit float"},
+        {"-inf", "'-inf' is not a number"},
+    };
+    for (const Case& c : refused) {
+        const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", Chart(c.written)); }, "m");
+        EXPECT_NE(what.find(c.problem), std::string::npos) << c.written << " gave: " << what;
+    }
+    for (const char* fine : {"3.4e38", "-1.0e-300", "0.5e1"}) {
+        const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("m", Chart(fine), MEASUREMENT_CONTENT_LAB);
+        EXPECT_EQ(f.Data().lab[4], std::strtod(fine, nullptr)) << fine;
+    }
+}
+
+TEST(MeasurementFile, BrokenUtf16IsRefusedNamingWhere) {
+    std::string text = "\xFF\xFE";
+    for (char c : std::string("CGATS.17\n")) text += std::string(1, c) + '\0';
+    text += std::string("\x00\xD8", 2);  // a high surrogate with nothing after it
+    EXPECT_NE(MeasurementError([&] { ZKCMeasurementFile::FromText("u", text); }, "u")
+                  .find("is marked as UTF-16 but holds an unpaired surrogate at byte 18"),
               std::string::npos);
 }

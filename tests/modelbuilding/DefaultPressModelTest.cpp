@@ -1,4 +1,4 @@
-// The embedded default model: the same numbers as the shipped model file,
+// The embedded default model: the shipped model file byte for byte,
 // accurate on the chart it was fitted to, and not stale (a fresh fit of the
 // chart predicts the same colours).
 #include <gtest/gtest.h>
@@ -7,10 +7,12 @@
 
 #include <cmath>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "kelma/common/InkLevels.h"
 #include "kelma/kelma.h"
 
 using namespace kelma;
@@ -18,37 +20,6 @@ using namespace kelma;
 namespace {
 
 const std::string kData = KELMA_TEST_DATA_DIR;
-
-// The text model file: keywords, then values.
-ZKSPrinterModelArrays ReadModelFile(const std::string& path) {
-    std::ifstream in(path);
-    EXPECT_TRUE(in.good()) << path;
-    ZKSPrinterModelArrays m;
-    std::string line, section;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream fields(line);
-        std::string first;
-        fields >> first;
-        if (first == "INKS") {
-            fields >> m.numberOfInks;
-        } else if (first == "GRID_POINTS") {
-            fields >> m.numberOfGridPoints;
-        } else if (first == "N") {
-            fields >> m.n;
-        } else if (first == "GRID_LEVELS" || first == "EFFECTIVE_RAMPS" || first == "MATRIX_SCHEME") {
-            section = first;
-        } else {
-            std::vector<double>& target = section == "GRID_LEVELS"       ? m.gridPoints
-                                          : section == "EFFECTIVE_RAMPS" ? m.effectiveRamps
-                                                                         : m.matrixScheme;
-            std::istringstream values(line);
-            double v;
-            while (values >> v) target.push_back(v);
-        }
-    }
-    return m;
-}
 
 ZKSModelChart PressChart() {
     const ZKCMeasurementFile file(kData + "/aptec_pc10/APTEC_PC10_CardBoard_2023_v1_Spectral.txt");
@@ -64,16 +35,34 @@ std::vector<std::size_t> AllPatches(const ZKSModelChart& chart) {
 }  // namespace
 
 TEST(DefaultPressModel, EmbeddedArraysAreTheShippedModelFile) {
+    const std::string path = kData + "/models/aptec_pc10_cmyk.kelma";
+    std::ifstream in(path, std::ios::binary);
+    ASSERT_TRUE(in.good()) << path;
+    const std::string shipped((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const ZKSModelFile embeddedFile = DefaultPressModelFile();
+    EXPECT_EQ(embeddedFile.Format(), shipped) << "regenerate both with the command in tools/kelma_fit_model.cpp";
+
     const ZKSPrinterModelArrays embedded = DefaultPressModelArrays();
-    const ZKSPrinterModelArrays file = ReadModelFile(kData + "/models/aptec_pc10_cmyk.txt");
+    const ZKSModelFile file = ZKSModelFile::Read(path);
     EXPECT_EQ(embedded.numberOfInks, 4u);
     EXPECT_EQ(embedded.numberOfGridPoints, 3u);
     EXPECT_EQ(file.numberOfInks, 4u);
     EXPECT_EQ(file.numberOfGridPoints, 3u);
+    EXPECT_EQ(file.precision, MODELFILE_FLOAT64);
     EXPECT_EQ(embedded.n, file.n);
     EXPECT_EQ(embedded.gridPoints, file.gridPoints);
     EXPECT_EQ(embedded.effectiveRamps, file.effectiveRamps);
     EXPECT_EQ(embedded.matrixScheme, file.matrixScheme);
+    EXPECT_EQ(file.inkNames, (std::vector<std::string>{"CMYK_C", "CMYK_M", "CMYK_Y", "CMYK_K"}));
+    EXPECT_EQ(file.provenance.chart, "APTEC_PC10_CardBoard_2023_v1_Spectral.txt");
+    EXPECT_EQ(file.provenance.fitMethod, "refined");
+    EXPECT_EQ(file.provenance.fitPatches, 1617u);
+    EXPECT_NEAR(file.provenance.fitErrorMean, 0.216, 0.001);
+    ASSERT_EQ(file.illuminants.size(), 1u);
+    EXPECT_EQ(file.illuminants[0].name, "D50");
+    EXPECT_EQ(file.observer, 2u);
+    // The model object the file describes is the embedded one.
+    EXPECT_TRUE(SameModelContent(file.Model(), DefaultPressModel()));
     EXPECT_EQ(embedded.gridPoints, (std::vector<double>{0, 102, 255, 0, 102, 255, 0, 102, 255, 0, 102, 255}));
     EXPECT_EQ(embedded.matrixScheme.size(), 31u * 16u * 16u);
     EXPECT_EQ(embedded.matrixSchemeF.size(), embedded.matrixScheme.size());
@@ -89,8 +78,8 @@ TEST(DefaultPressModel, EmbeddedArraysAreTheShippedModelFile) {
 
 TEST(DefaultPressModel, PredictsItsChartAndPaper) {
     const ZKSModelChart chart = PressChart();
-    const ZKSDeltaEStatistics fit =
-        DeltaEStatistics(PredictionDeltaE00(DefaultPressModelArrays(), chart, AllPatches(chart)));
+    const ZKSStatistics fit =
+        Summarize(PredictionDeltaE00(DefaultPressModelArrays(), chart, AllPatches(chart)));
     std::printf("    embedded model on its 1617 patches: mean %.3f p95 %.3f max %.3f\n", fit.mean, fit.p95, fit.max);
     EXPECT_LE(fit.mean, 0.25);
     EXPECT_LE(fit.p95, 0.55);
@@ -139,7 +128,7 @@ TEST(DefaultPressModel, IsWhatTheToolFitsToday) {
     const ZKCSSE_KELMA_Data b = embedded.Model(matrix, INK_SET_CMYK);
     const unsigned int count = static_cast<unsigned int>(chart.PatchCount());
     std::vector<unsigned char> samples;
-    for (double v : chart.deviceValues) samples.push_back(static_cast<unsigned char>(ZKCModelBuilder::DigitalLevel(v)));
+    for (double v : chart.deviceValues) samples.push_back(static_cast<unsigned char>(DigitalLevel(v)));
     AlignedBuffer<float> sa(std::size_t{count} * 32), sb(std::size_t{count} * 32);
     {
         ZKCSSE_KELMA_Thread ta(a, count, samples.data(), sa.data());

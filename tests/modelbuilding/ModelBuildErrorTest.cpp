@@ -7,8 +7,10 @@
 #include <limits>
 #include <vector>
 
-#include "kelma/modelbuilding/ModelBuildingMath.h"
-#include "kelma/modelbuilding/YuleNielsenFit.h"
+#include "kelma/colorimetry/CIEDE2000.h"
+#include "kelma/common/InkLevels.h"
+#include "kelma/modelbuilding/FitColorimetry.h"
+#include "kelma/modelbuilding/ModelAssembly.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
 #include "tests/modelbuilding/SyntheticChart.h"
 #include "tests/support/ModelGenerator.h"
@@ -48,8 +50,8 @@ struct Fixture {
         for (std::size_t p = 0; p < chart.PatchCount(); ++p) {
             bool same = true;
             for (unsigned int i = 0; i < 4; ++i)
-                same = same && modelbuilding::DigitalLevel(chart.deviceValues[p * 4 + i]) ==
-                                   modelbuilding::DigitalLevel(percent[i]);
+                same = same && DigitalLevel(chart.deviceValues[p * 4 + i]) ==
+                                   DigitalLevel(percent[i]);
             if (same) return p;
         }
         return chart.PatchCount();
@@ -76,9 +78,28 @@ TEST(ModelBuildErrors, ChartsThatAreNotModelCharts) {
     outside.deviceValues[4 * 5 + 2] = std::numeric_limits<double>::quiet_NaN();
     ExpectBuildError([&] { ZKCModelBuilder b(outside); }, {"patch 5", "not a percentage"});
 
-    ZKSModelChart nan = f.chart;
-    nan.spectra[31 * 7 + 3] = std::numeric_limits<double>::infinity();
-    ExpectBuildError([&] { ZKCModelBuilder b(nan); }, {"patch 7", "not a finite number"});
+    // Spectral values that are no reflectance factors, from a fuzzed chart
+    // (-1.9e166 fitted "successfully" with a NaN fit error) and from a
+    // chart in percent.
+    struct Spectral {
+        double value;
+        std::vector<std::string> words;
+    };
+    const Spectral spectral[] = {
+        {std::numeric_limits<double>::infinity(), {"patch 7 at 430 nm: inf is not a finite number"}},
+        {std::numeric_limits<double>::quiet_NaN(), {"patch 7 at 430 nm: nan is not a finite number"}},
+        {-1.88345e166, {"patch 7 at 430 nm: -1.88345e+166 is far outside the reflectance range 0-1"}},
+        {1e30, {"patch 7", "1e+30 is far outside the reflectance range 0-1"}},
+        {-0.5, {"patch 7", "-0.5 is far outside"}},
+    };
+    for (const Spectral& c : spectral) {
+        ZKSModelChart bad = f.chart;
+        bad.spectra[31 * 7 + 3] = c.value;
+        ExpectBuildError([&] { ZKCModelBuilder b(bad); }, c.words);
+    }
+    ZKSModelChart percent = f.chart;
+    for (double& v : percent.spectra) v *= 100.0;
+    ExpectBuildError([&] { ZKCModelBuilder b(percent); }, {"patch 0 at 400 nm", "look like percent, divide them by 100"});
 
     ZKSModelChart ragged = f.chart;
     ragged.spectra.pop_back();
@@ -196,19 +217,64 @@ TEST(ModelBuildErrors, MissingNodesEstimatedFromACoarserModel) {
     const ZKSPrinterModelArrays& m = built.model;
     for (std::size_t k = 0; k < lost.size(); ++k) {
         std::vector<unsigned char> sample;
-        for (double p : lost[k]) sample.push_back(static_cast<unsigned char>(modelbuilding::DigitalLevel(p)));
+        for (double p : lost[k]) sample.push_back(static_cast<unsigned char>(DigitalLevel(p)));
         double predicted[31], a[3], b[3];
         modelbuilding::PredictFromArrays(m, sample.data(), predicted);
         colorimeter.Lab(predicted, a);
         colorimeter.Lab(truthSpectra[k].data(), b);
-        const double deltaE = modelbuilding::DeltaE00(a, b);
+        const double deltaE = DeltaE2000(a, b);
         std::printf("    estimated node %zu: CIEDE2000 %.3f from the measurement\n", k, deltaE);
         EXPECT_LT(deltaE, 1.0) << k;
     }
-    // Without the 0 / 100 % nodes even the coarse model cannot be built.
+    // The coarse model's own missing solid overprint comes from the overprint
+    // rule, which is exact for the generator's Beer-Lambert nodes.
     Fixture g;
-    g.Remove(g.Find({100, 100, 100, 100}));
+    const std::size_t solid = g.Find({100, 100, 100, 100});
+    const std::vector<double> solidSpectrum(g.chart.spectra.begin() + solid * 31,
+                                            g.chart.spectra.begin() + solid * 31 + 31);
+    g.Remove(solid);
     g.Remove(g.Find({40, 40, 40, 40}));
-    ExpectBuildError([&] { ZKCModelBuilder(g.chart).Build(o); },
-                     {"estimating missing nodes from the coarse model", "lacks 1 of the 16", "(100, 100, 100, 100)"});
+    const ZKSBuiltModel both = ZKCModelBuilder(g.chart).Build(o);
+    EXPECT_EQ(both.estimatedNodes, (std::vector<std::size_t>{40, 80}));
+    const unsigned char full[4] = {255, 255, 255, 255};
+    double predicted[31];
+    modelbuilding::PredictFromArrays(both.model, full, predicted);
+    for (unsigned int w = 0; w < 31; ++w) EXPECT_NEAR(predicted[w], solidSpectrum[w], 1e-12 + 1e-9 * solidSpectrum[w]);
+    // The paper and the single-ink nodes cannot be estimated.
+    Fixture h;
+    h.Remove(h.Find({100, 0, 0, 0}));
+    ExpectBuildError([&] { ZKCModelBuilder(h.chart).Build(o); },
+                     {"estimating missing nodes from the coarse model", "no patch of CMYK_C alone", "(100, 0, 0, 0)"});
+    Fixture paper;
+    paper.Remove(paper.Find({0, 0, 0, 0}));
+    ExpectBuildError([&] { ZKCModelBuilder(paper.chart).Build(o); }, {"no paper patch"});
+}
+
+TEST(ModelBuildErrors, FineGridOptions) {
+    Fixture f;
+    const ZKCModelBuilder builder(f.chart);
+    ZKSModelBuildOptions o = f.Options();
+    o.gridPercent = {0.0, 40.0, 70.0, 100.0};
+    // Without a base grid the 4-level grid's nodes are simply missing.
+    ExpectBuildError([&] { builder.Build(o); }, {"lacks 175 of the 256 grid nodes"});
+    o.finePriorWeight = 2.0;
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight needs the base grid"});
+    o.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    o.finePriorWeight = -1.0;
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight -1", ">= 0"});
+    o.finePriorWeight = std::numeric_limits<double>::quiet_NaN();
+    ExpectBuildError([&] { builder.Build(o); }, {"fine-grid prior weight nan"});
+    o.finePriorWeight = 0.0;
+    o.fineBaseGridPercent = {10.0, 100.0};
+    ExpectBuildError([&] { builder.Build(o); }, {"the base grid of CMYK_C must start at 0 %"});
+    o.fineBaseGridPercent = {0.0, 50.0, 100.0};
+    ExpectBuildError([&] { builder.Build(o); }, {"the base model of the fine-grid fit: the chart lacks", "(50, 0, 0, 0)"});
+    // Only the base grid's nodes need patches.
+    o.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    const ZKSBuiltModel built = builder.Build(o);
+    EXPECT_EQ(built.model.numberOfGridPoints, 4u);
+    EXPECT_EQ(built.estimatedNodes.size(), 175u);
+    EXPECT_EQ(built.nodePatches.size(), 81u);
+    EXPECT_GT(built.finePriorWeight, 0.0);
+    EXPECT_LT(built.fitError.mean, 0.1);
 }

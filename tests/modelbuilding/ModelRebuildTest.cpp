@@ -13,6 +13,7 @@
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 #include "tests/modelbuilding/SyntheticChart.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/TestSupport.h"
 
 using namespace kelma;
 using kelma_test::ChartMaker;
@@ -202,12 +203,12 @@ TEST(ModelRebuild, WithheldPatchesOfAFinerPrintAreWithinTheAccuracyTargets) {
         options.gridPercent = grid;
         options.trainingPatches = split.Training(fold);
         options.method = MODELFIT_CLASSIC;
-        const ZKSDeltaEStatistics classic =
-            DeltaEStatistics(PredictionDeltaE00(builder.Build(options).model, maker.Chart(), split.half[1 - fold]));
+        const ZKSStatistics classic =
+            Summarize(PredictionDeltaE00(builder.Build(options).model, maker.Chart(), split.half[1 - fold]));
         options.method = MODELFIT_REFINED;
         const ZKSBuiltModel refined = builder.Build(options);
-        const ZKSDeltaEStatistics held =
-            DeltaEStatistics(PredictionDeltaE00(refined.model, maker.Chart(), split.half[1 - fold]));
+        const ZKSStatistics held =
+            Summarize(PredictionDeltaE00(refined.model, maker.Chart(), split.half[1 - fold]));
         std::printf("    fold %u held out %zu: classic mean %.3f p95 %.3f; refined mean %.3f p95 %.3f max %.3f "
                     "(n %.3f, %u iterations)\n",
                     fold, held.count, classic.mean, classic.p95, held.mean, held.p95, held.max, refined.model.n,
@@ -215,5 +216,44 @@ TEST(ModelRebuild, WithheldPatchesOfAFinerPrintAreWithinTheAccuracyTargets) {
         EXPECT_LE(held.mean, 0.25);
         EXPECT_LE(held.p95, 0.55);
         EXPECT_LT(held.mean, classic.mean);
+    }
+}
+
+TEST(ModelRebuild, RefinedFitsDoNotDependOnTheThreadCount) {
+    // The Jacobian columns go to as many workers as there are processors;
+    // every worker solves on its own copy of the same sparse pattern, so the
+    // model is the same bits for 1, 3 and 8 workers, also with estimated
+    // nodes (the prior) and on a fine grid.
+    const ZKSTestModel truth = MakeTestModel(4, 4, 2.1, 23);
+    ChartMaker maker(truth);
+    maker.AddRamps(3, 252, 11);
+    maker.AddRandom(150, 6, 0, 17);
+    const unsigned char levels[] = {0, 102, 255};
+    for (unsigned char c : levels)
+        for (unsigned char m : levels)
+            for (unsigned char y : levels)
+                for (unsigned char k : levels)
+                    if (c + m + y + k < 600) maker.AddReference({c, m, y, k});  // a few solid overprints lack
+    const ZKCModelBuilder builder(maker.Chart());
+    ZKSModelBuildOptions direct;
+    direct.gridPercent = {0.0, 40.0, 100.0};
+    direct.estimateMissingNodes = true;
+    ZKSModelBuildOptions fine = direct;
+    fine.gridPercent = {0.0, 40.0, 70.0, 100.0};
+    fine.fineBaseGridPercent = {0.0, 40.0, 100.0};
+    for (const ZKSModelBuildOptions& options : {direct, fine}) {
+        std::vector<std::vector<double>> schemes;
+        std::vector<double> ns;
+        for (unsigned int threads : {1u, 3u, 8u}) {
+            kelma_test::ScopedCPUCount count(threads);
+            const ZKSBuiltModel built = builder.Build(options);
+            schemes.push_back(built.model.matrixScheme);
+            ns.push_back(built.model.n);
+            EXPECT_FALSE(built.estimatedNodes.empty());
+        }
+        EXPECT_EQ(schemes[0], schemes[1]);
+        EXPECT_EQ(schemes[0], schemes[2]);
+        EXPECT_EQ(ns[0], ns[1]);
+        EXPECT_EQ(ns[0], ns[2]);
     }
 }

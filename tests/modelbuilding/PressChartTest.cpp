@@ -1,7 +1,8 @@
 // The real sheet-fed offset chart (APTEC PC10, IT8.7/4, 1617 patches) on the
 // 3-level grid {0, 40, 100} %: an honest two-fold split (grid patches plus
 // half of the others train, the other half tests), judged by the library's
-// own prediction driver with CIEDE2000 under D50 / 2 degree.
+// own prediction driver with CIEDE2000 under D50 / 2 degree; and finer grids
+// fitted toward the 3-level model on the same split.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,7 +36,7 @@ protected:
 std::unique_ptr<ZKCModelBuilder> PressChart::builder_;
 
 struct HeldOut {
-    ZKSDeltaEStatistics all, noBlack, black;
+    ZKSStatistics all, noBlack, black;
 };
 
 HeldOut Judge(const ZKCModelBuilder& builder, const ZKSBuiltModel& built, const std::vector<std::size_t>& test) {
@@ -43,7 +44,7 @@ HeldOut Judge(const ZKCModelBuilder& builder, const ZKSBuiltModel& built, const 
     std::vector<double> noBlack, black;
     for (std::size_t k = 0; k < test.size(); ++k)
         (builder.DigitalLevels()[test[k] * 4 + 3] == 0 ? noBlack : black).push_back(deltaE[k]);
-    return {DeltaEStatistics(deltaE), DeltaEStatistics(noBlack), DeltaEStatistics(black)};
+    return {Summarize(deltaE), Summarize(noBlack), Summarize(black)};
 }
 
 void Print(const char* method, unsigned int fold, const ZKSBuiltModel& built, const HeldOut& h) {
@@ -111,5 +112,48 @@ TEST_F(PressChart, HeldOutAccuracyOfClassicAndRefinedFits) {
         for (unsigned int i = 0; i < 4; ++i)
             for (unsigned int t = 1; t < 256; ++t)
                 ASSERT_GE(refined.model.effectiveRamps[i * 256 + t], refined.model.effectiveRamps[i * 256 + t - 1]);
+    }
+}
+
+TEST_F(PressChart, FinerGridsAreNeverWorseThanThreeLevels) {
+    // The split of the 3-level grid for every grid, so all are judged on the
+    // same patches and the finer grids' extra nodes (70 %, 20 % or 10 %) are
+    // measured only in one half. The fine grids are fitted toward the
+    // 3-level model of the same method with the prior chosen from the
+    // training patches.
+    const ZKSValidationSplit split = builder_->ValidationSplit(kGrid);
+    const std::vector<std::vector<double>> fineGrids{{0, 40, 70, 100}, {0, 20, 40, 70, 100}, {0, 10, 40, 70, 100}};
+    for (MODELFIT_METHOD method : {MODELFIT_CLASSIC, MODELFIT_REFINED}) {
+        auto heldOut = [&](const std::vector<double>& grid) {
+            std::vector<double> deltaE;
+            for (unsigned int fold = 0; fold < 2; ++fold) {
+                ZKSModelBuildOptions options;
+                options.gridPercent = grid;
+                options.method = method;
+                options.trainingPatches = split.Training(fold);
+                if (grid != kGrid) options.fineBaseGridPercent = kGrid;
+                const ZKSBuiltModel built = builder_->Build(options);
+                EXPECT_EQ(built.model.numberOfGridPoints, grid.size());
+                EXPECT_EQ(built.finePriorWeight > 0.0, grid != kGrid);
+                const std::vector<double> d = PredictionDeltaE00(built.model, builder_->Chart(), split.half[1 - fold]);
+                deltaE.insert(deltaE.end(), d.begin(), d.end());
+            }
+            return Summarize(deltaE);
+        };
+        const char* name = method == MODELFIT_REFINED ? "refined" : "classic";
+        const ZKSStatistics three = heldOut(kGrid);
+        std::printf("    %s 3 levels: held-out mean %.3f p95 %.3f max %.3f\n", name, three.mean, three.p95, three.max);
+        for (const std::vector<double>& grid : fineGrids) {
+            SCOPED_TRACE(::testing::Message() << name << ", " << grid.size() << " levels, " << grid[1] << " %");
+            const ZKSStatistics fine = heldOut(grid);
+            std::printf("    %s %zu levels (%g, %g %%): held-out mean %.3f p95 %.3f max %.3f\n", name, grid.size(),
+                        grid[1], grid[grid.size() - 2], fine.mean, fine.p95, fine.max);
+            EXPECT_LE(fine.mean, three.mean);
+            EXPECT_LE(fine.p95, three.p95);
+            if (method == MODELFIT_REFINED && grid.size() == 4) {
+                EXPECT_LE(fine.mean, 0.18);
+                EXPECT_LE(fine.p95, 0.43);
+            }
+        }
     }
 }

@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "kelma/common/Version.h"
 #include "kelma/mex/ZKCMexGateway.h"
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
+#include "kelma/modelfile/ZKSModelFile.h"
 #include "tests/support/ModelGenerator.h"
 #include "tests/support/VectorMexHost.h"
 
@@ -80,5 +82,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot write the fixture into %s\n", dir.c_str());
         return 1;
     }
+    // The library's version, and a model whose lookup table came from float64
+    // ramps (its file keeps the table, which kelma_predict cannot use).
+    const std::string version = KELMA_VERSION;
+    const auto tm = kelma_test::MakeTestModel(4, 5, 2.0, 77);
+    const kelma::ZKCSSE_KELMA_Data fromDoubles(4, 5, tm.grid.data(), tm.ramps.data(), tm.scheme.data(), tm.n,
+                                               kelma_test::D50Matrix(), kelma::INK_SET_CMYK, false, false, 31);
+    if (!Write(dir + "/version.txt", version.data(), version.size())) return 1;
+    kelma::ZKSModelFile::Describe(fromDoubles).Write(dir + "/lut64.kelma");
     return 0;
 }

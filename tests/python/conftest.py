@@ -11,6 +11,11 @@ if not hasattr(kelma, "Model"):
                       "put the build's python/ folder first on PYTHONPATH")
 
 
+def pytest_configure(config):
+    # distributed's event loop on Debian's tornado; not ours to fix.
+    config.addinivalue_line("filterwarnings", "ignore:make_current is deprecated:DeprecationWarning")
+
+
 @pytest.fixture(autouse=True)
 def _restore_thread_count():
     yield

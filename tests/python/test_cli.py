@@ -37,7 +37,7 @@ def test_demo_prints_the_accuracy_table_and_writes_both_pngs(tmp_path):
     assert r.returncode == 0, r.stderr
     assert is_png(tmp_path / "spectra.png") and is_png(tmp_path / "proof.png")
     rows = {line[:34].strip(): line[34:].split() for line in r.stdout.splitlines() if line[34:].strip()}
-    count, mean, p95, worst = rows["held out (two folds), all"]
+    count, mean, median, p95, worst = rows["held out (two folds), all"]
     assert int(count) > 1400 and float(mean) <= 0.25 and float(p95) <= 0.55
     assert float(rows["embedded model, all patches"][1]) <= 0.25
     assert "Timings" in r.stdout
@@ -68,14 +68,28 @@ def test_predict_outputs_and_digital_input_agree(tmp_path):
 
 
 def test_fit_writes_a_model_that_predicts_like_the_embedded_one(tmp_path):
-    model = tmp_path / "press.npz"
+    model = tmp_path / "press"
     r = run("fit", CHART, "--grid", "0,40,100", "--out", model)
     assert r.returncode == 0, r.stderr
+    # Exactly the name given, nothing left beside it; the library's format.
+    assert [p.name for p in tmp_path.iterdir()] == ["press"]
+    assert model.read_text().startswith("kelma-model 1\n")
     inks = tmp_path / "inks.csv"
     inks.write_text("0,0,0,0\n70,40,0,0\n20,20,20,60\n")
     mine = np.loadtxt(run("predict", inks, "--model", model).stdout.splitlines(), delimiter=",")
     embedded = np.loadtxt(run("predict", inks).stdout.splitlines(), delimiter=",")
     assert np.abs(mine - embedded).max() < 0.05
+
+
+def test_version_and_the_shipped_model_file(tmp_path):
+    import kelma
+    r = run("--version")
+    assert r.returncode == 0 and r.stdout.strip() == "kelma " + kelma.__version__
+    inks = tmp_path / "inks.csv"
+    inks.write_text("0,0,0,0\n20,40,60,10\n")
+    shipped = run("predict", inks, "--model", ROOT / "data" / "models" / "aptec_pc10_cmyk.kelma", "--output", "spectra")
+    assert shipped.returncode == 0, shipped.stderr
+    assert shipped.stdout == run("predict", inks, "--output", "spectra").stdout
 
 
 def test_proof_and_resample(tmp_path):
@@ -100,7 +114,9 @@ def test_proof_and_resample(tmp_path):
     (["predict", "missing.csv"], ["missing.csv"]),
     (["predict", "{bad_cols}"], ["columns", "4 inks"]),
     (["predict", "{out_of_range}"], ["0-100"]),
-    (["predict", "{ok}", "--model", "{not_a_model}"], ["not a kelma model"]),
+    (["predict", "{ok}", "--model", "{not_a_model}"], ["m.npz", "not a kelma model"]),
+    (["predict", "{ok}", "--model", "{truncated_model}"], ["cut.kelma", "truncated"]),
+    (["predict", "{ok}", "--model", "missing.kelma"], ["missing.kelma", "does not exist"]),
     (["fit", CHART, "--grid", "0,50,100", "--out", "{model}"], ["lacks", "(50, 50, 0, 0)"]),
     (["fit", CHART, "--grid", "zero,100", "--out", "{model}"], ["--grid"]),
     (["fit", "{ok}", "--grid", "0,100", "--out", "{model}"], []),
@@ -115,12 +131,71 @@ def test_bad_input_gives_one_clear_error(tmp_path, args, words):
         "out_of_range": ("r.csv", "0,0,0,120\n"),
         "ok": ("ok.csv", "0,0,0,0\n"),
         "not_a_model": ("m.npz", "not a zip"),
+        "truncated_model": ("cut.kelma", (ROOT / "data" / "models" / "aptec_pc10_cmyk.kelma").read_text()[:9000]),
     }
     subst = {}
     for key, (name, text) in files.items():
         (tmp_path / name).write_text(text)
         subst[key] = tmp_path / name
     np.save(tmp_path / "rgb.npy", np.zeros((4, 4, 3), np.uint8))
-    subst.update(rgb=tmp_path / "rgb.npy", png=tmp_path / "o.png", csv=tmp_path / "o.csv", model=tmp_path / "o.npz")
+    subst.update(rgb=tmp_path / "rgb.npy", png=tmp_path / "o.png", csv=tmp_path / "o.csv", model=tmp_path / "o.kelma")
     argv = [str(a).format(**subst) if isinstance(a, str) else a for a in args]
     failed_cleanly(run(*argv, cwd=tmp_path), *words)
+
+
+# Every bad chart through every subcommand that reads one, in this process
+# (the subprocess tests above cover the process itself): exit status 1, one
+# line "kelma: error: <file>: <problem>", no output written.
+sys.path.insert(0, str(ROOT / "cli"))
+from kelma_cli.main import main as cli_main  # noqa: E402
+from bad_charts import SPECIAL_LABELS, bad_files, special_files  # noqa: E402
+
+BAD_FILES = bad_files()
+CHART_READERS = {
+    "resample": lambda chart, tmp: ["resample", chart, tmp / "out.csv"],
+    "fit": lambda chart, tmp: ["fit", chart, "--grid", "0,100", "--out", tmp / "out.kelma"],
+    "evaluate": lambda chart, tmp: ["evaluate", "default", chart],
+}
+
+
+def cli_error(capsys, argv):
+    status = cli_main([str(a) for a in argv])
+    err = capsys.readouterr().err
+    assert status == 1, err
+    assert err.startswith("kelma: error: ") and err.count("\n") == 1, err
+    return err
+
+
+@pytest.mark.parametrize("command", sorted(CHART_READERS))
+@pytest.mark.parametrize("bad", BAD_FILES, ids=[b.name for b in BAD_FILES])
+def test_bad_chart_gives_one_line_naming_file_and_problem(tmp_path, capsys, command, bad):
+    err = cli_error(capsys, CHART_READERS[command](bad.path, tmp_path))
+    assert bad.path in err
+    if command == "resample" or bad.same_with_device:
+        assert bad.problem in err
+    assert not any(tmp_path.iterdir())
+
+
+@pytest.mark.parametrize("command", sorted(CHART_READERS))
+@pytest.mark.parametrize("label", SPECIAL_LABELS)
+def test_what_is_not_a_chart_file_says_so(tmp_path, capsys, command, label):
+    special = tmp_path / "special"
+    special.mkdir()
+    _, path, problem = next(c for c in special_files(special) if c[0] == label)
+    err = cli_error(capsys, CHART_READERS[command](path, tmp_path))
+    assert problem in err and str(path) in err
+
+
+def test_extrapolate_option_of_every_chart_reader(tmp_path, capsys):
+    gap = ROOT / "tests" / "measurement" / "data" / "bad_gap_blue.txt"
+    out = tmp_path / "spectra.csv"
+    assert "would be extrapolated" in cli_error(capsys, ["resample", gap, out])
+    assert cli_main(["resample", str(gap), str(out), "--extrapolate"]) == 0
+    rows = [line.split(",") for line in out.read_text().splitlines()]
+    assert rows[0][1] == "NM400" and len(rows) == 3
+    assert float(rows[1][1]) == pytest.approx(0.85)  # a flat spectrum stays flat
+    assert cli_main(["evaluate", "default", str(gap), "--extrapolate"]) == 0
+    assert "all patches" in capsys.readouterr().out
+    # The two-patch chart is read; what stops the fit is the chart itself.
+    err = cli_error(capsys, ["fit", gap, "--grid", "0,100", "--out", tmp_path / "m.npz", "--extrapolate"])
+    assert "grid nodes" in err and "extrapolated" not in err

@@ -90,6 +90,49 @@ class TestBuildModel:
         assert issubclass(kelma.ModelBuildingError, ValueError)
 
 
+class TestFineGridFit:
+    def test_a_finer_grid_fitted_toward_the_3_level_model(self, synthetic_chart):
+        truth, grid, device, spectra = synthetic_chart
+        fine = [0.0, 30.0, 50.0, 100.0]
+        # Without the fine-grid fit the 30 % nodes are missing.
+        with pytest.raises(kelma.ModelBuildingError, match="lacks"):
+            kelma.build_model((device, spectra), fine)
+        base = kelma.build_model((device, spectra), grid)
+        auto = kelma.build_model((device, spectra), fine, fine_base_grid_percent=grid)
+        assert auto.arrays["grid"].shape == (4, 4) and auto.arrays["scheme"].shape == (81, 31, 16)
+        assert auto.fine_prior in [2.0 ** e for e in range(-6, 5)]
+        assert auto.n == base.n
+        np.testing.assert_array_equal(auto.arrays["ramps"], base.arrays["ramps"])
+        printed = {tuple(r) for r in device.tolist()}
+        unprinted = sum(1 for node in itertools.product(fine, repeat=4) if node not in printed)
+        assert len(auto.estimated_nodes) == unprinted > 81
+        assert base.fine_prior == 0.0
+        # A prior of a billion patches per node keeps the base model's predictions.
+        heavy = kelma.build_model((device, spectra), fine, fine_base_grid_percent=grid, fine_prior=1e9)
+        assert heavy.fine_prior == 1e9
+        inks = np.random.default_rng(1).integers(0, 256, (500, 4), dtype=np.uint8)
+        np.testing.assert_allclose(kelma.predict_spectra(heavy.model(), inks),
+                                   kelma.predict_spectra(base.model(), inks), rtol=1e-4, atol=1e-6)
+
+    def test_estimated_nodes_and_errors(self, synthetic_chart):
+        _, grid, device, spectra = synthetic_chart
+        est = kelma.build_model((device, spectra), [0, 30, 50, 100], method="classic", estimate_missing_nodes=True,
+                                coarse_grid_percent=grid)
+        assert len(est.estimated_nodes) > 81 and est.fine_prior == 0.0
+        with pytest.raises(ValueError, match="fine_prior must be 'auto' or a positive number"):
+            kelma.build_model((device, spectra), grid, fine_base_grid_percent=[0, 100], fine_prior="best")
+        with pytest.raises(ValueError, match="fine_prior must be 'auto' or a positive number"):
+            kelma.build_model((device, spectra), grid, fine_base_grid_percent=[0, 100], fine_prior=-1.0)
+        with pytest.raises(TypeError, match="fine_prior"):
+            kelma.build_model((device, spectra), grid, fine_base_grid_percent=[0, 100], fine_prior=[1.0])
+        with pytest.raises(ValueError, match="fine_prior needs fine_base_grid_percent"):
+            kelma.build_model((device, spectra), grid, fine_prior=2.0)
+        with pytest.raises(ValueError, match=r"fine_base_grid_percent must be \(G,\)"):
+            kelma.build_model((device, spectra), grid, fine_base_grid_percent=[[0, 100]] * 4)
+        with pytest.raises(kelma.ModelBuildingError, match="base grid of ink 1 must start at 0"):
+            kelma.build_model((device, spectra), [0, 30, 50, 100], fine_base_grid_percent=[10, 100])
+
+
 class TestDefaultPressModel:
     def test_predicts_the_chart_it_was_fitted_to(self):
         model = kelma.default_press_model()

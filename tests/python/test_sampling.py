@@ -7,11 +7,13 @@ from scipy.interpolate import CubicSpline
 
 import kelma
 import reference as ref
+from bad_charts import SPECIAL_LABELS, bad_files, special_files
 
 CHART = os.path.join(ref.DATA, "aptec_pc10")
 SPECTRAL = os.path.join(CHART, "APTEC_PC10_CardBoard_2023_v1_Spectral.txt")
 LAB = os.path.join(CHART, "APTEC_PC10_CardBoard_2023_v1.txt")
 BAD = os.path.join(ref.REPO, "tests", "measurement", "data")
+BAD_FILES = bad_files()
 
 
 def read_cgats_table(path):
@@ -98,15 +100,6 @@ class TestMeasurementFile:
         got = lm.cielab_bytes(xyz[:, None])[:, 0].astype(int)
         assert np.max(np.abs(got - ref.cielab_bytes(lab_file.lab).astype(int))) <= 1
 
-    @pytest.mark.parametrize("name", ["bad_empty.txt", "bad_nan.txt", "bad_ragged.txt", "bad_one_band.txt",
-                                      "bad_no_spectral.txt", "bad_not_cgats.txt"])
-    def test_bad_files_raise_measurement_error_naming_the_file(self, name):
-        path = os.path.join(BAD, name)
-        with pytest.raises(kelma.MeasurementError) as info:
-            kelma.MeasurementFile(path).resample()
-        assert name in str(info.value)
-        assert isinstance(info.value, ValueError)
-
     def test_missing_file_and_bad_requirements(self, tmp_path):
         with pytest.raises(FileNotFoundError):
             kelma.MeasurementFile(tmp_path / "nothing.txt")
@@ -119,3 +112,110 @@ class TestMeasurementFile:
         # A LAB-only file has nothing to resample.
         with pytest.raises(kelma.MeasurementError, match="no spectral"):
             kelma.MeasurementFile(LAB, required="lab").resample()
+
+
+class TestBadCharts:
+    """Every bad file is a MeasurementError (a ValueError) of one line that
+    names the file and the fault, when it is read or, for spectra the
+    resampler refuses, when it is resampled."""
+
+    @pytest.mark.parametrize("bad", BAD_FILES, ids=[b.name for b in BAD_FILES])
+    def test_bad_file(self, bad):
+        required = [["spectra"], ["spectra", "device"]] if bad.same_with_device else [["spectra"]]
+        for req in required:
+            with pytest.raises(kelma.MeasurementError) as info:
+                f = kelma.MeasurementFile(bad.path, required=req)
+                assert bad.stage == "resample", "read without an error"
+                f.resample()
+            message = str(info.value)
+            assert message.startswith(bad.path + ": ") and bad.problem in message, message
+            assert "\n" not in message and isinstance(info.value, ValueError)
+
+    @pytest.mark.parametrize("label", SPECIAL_LABELS)
+    def test_what_is_not_a_regular_file_is_refused_before_reading(self, tmp_path, label):
+        _, path, problem = next(c for c in special_files(tmp_path) if c[0] == label)
+        with pytest.raises(kelma.MeasurementError, match=problem.replace("(", r"\(").replace(")", r"\)")):
+            kelma.MeasurementFile(path)
+
+    @pytest.mark.parametrize("name", ["good_latin1.txt", "good_utf8_bom.txt", "good_utf16le_bom.txt"])
+    def test_text_that_is_not_utf8_is_read(self, name):
+        f = kelma.MeasurementFile(os.path.join(BAD, name), required=["spectra", "device"])
+        assert f.sample_ids == ["Café crème", "Schwarz_größte"]
+        assert f.property("DESCRIPTOR") == "Prüfdruck für Öl"
+        np.testing.assert_array_equal(f.spectra[0, :3], np.float32([0.81, 0.87, 0.88]))
+
+    def test_spectra_short_of_the_grid_are_extrapolated_only_when_asked(self):
+        path = os.path.join(BAD, "bad_gap_blue.txt")
+        strict = kelma.MeasurementFile(path)
+        assert strict.extrapolate is False
+        with pytest.raises(kelma.MeasurementError, match="400-440 nm would be extrapolated"):
+            strict.resample()
+        lenient = kelma.MeasurementFile(path, extrapolate=True)
+        assert lenient.extrapolate is True
+        np.testing.assert_allclose(lenient.resample(), ref.resample_linear(lenient.spectra, lenient.wavelengths),
+                                   rtol=0, atol=2e-6)
+        with pytest.raises(TypeError):
+            kelma.MeasurementFile(path, "spectra", True)  # keyword only
+
+
+class TestResamplePlausibility:
+    """kelma.resample applies the reader's rules to arrays, naming the argument and index."""
+
+    W = np.arange(400.0, 701.0, 50.0)
+
+    @pytest.mark.parametrize("spectra,wavelengths,match", [
+        (np.array([[0.5] * 7, [0.5, 0.5, 1.0e300, 0.5, 0.5, 0.5, 0.5]]), W,
+         r"spectra\[1, 2\] = 1e\+300 is outside the range of a 32-bit float"),
+        (np.full((2, 3, 7), 0.5) + np.eye(7)[4] * -1e39, W, r"spectra\[0, 0, 4\] = -1e\+39 is outside the range"),
+        (np.array([[81.2, 87.5, 88.3, 88.9, 89.0, 89.4, 89.6]]), W,
+         r"spectra\[0, 0\] = 81.2 is far outside the reflectance range 0-1: the spectra look like percent, "
+         r"divide them by 100"),
+        (np.array([[0.5, 0.5, -3.5, 0.5, 0.5, 0.5, 0.5]]), W, r"spectra\[0, 2\] = -3.5 is far outside"),
+        (np.array([[0, 0, 0, 0, 0, 0, 2**62]]), W, r"spectra\[0, 6\] = 4.61169e\+18 is far outside"),
+        (np.full((1, 7), 0.5), W / 1000, r"wavelengths\[0\]: wavelength 0.4 is outside 300-1100 nm: it looks like "
+                                         r"micrometres, multiply the wavelengths by 1000"),
+        (np.full((1, 7), 0.5), W * 10, r"wavelengths\[0\]: .*looks like angstrom, divide the wavelengths by 10"),
+        (np.full((1, 7), 0.5), W * 1e-9, r"looks like metres, multiply the wavelengths by 1e9"),
+        (np.full((1, 3), 0.5), [400.0, 700.0, 1200.0], r"wavelengths\[2\]: wavelength 1200 is outside 300-1100 nm"),
+        (np.full((1, 8), 0.5), np.arange(450.0, 731.0, 40.0),
+         "wavelengths 450-730 nm do not reach down to 400 nm: 400-440 nm would be extrapolated"),
+        (np.full((1, 8), 0.5), np.arange(380.0, 451.0, 10.0),
+         "wavelengths 380-450 nm do not reach up to 700 nm: 460-700 nm would be extrapolated"),
+    ])
+    def test_implausible_arrays(self, spectra, wavelengths, match):
+        for method in ("linear", "spline"):
+            with pytest.raises(ValueError, match=match):
+                kelma.resample(spectra, wavelengths, method)
+
+    def test_extrapolation_when_asked(self):
+        w = np.arange(450.0, 731.0, 40.0)
+        y = np.linspace(0.2, 0.9, 8)[None, :]
+        got = kelma.resample(y, w, extrapolate=True)
+        np.testing.assert_allclose(got, ref.resample_linear(y.astype(np.float32), w), rtol=0, atol=2e-6)
+        # Up to one 10 nm grid step at either end needs no permission.
+        assert np.isfinite(kelma.resample(y, np.linspace(410.0, 700.0, 8))).all()
+        assert np.isfinite(kelma.resample(y, np.linspace(400.0, 690.0, 8), "spline")).all()
+
+    def test_extrapolation_still_needs_the_resampler_range(self):
+        with pytest.raises(ValueError, match="Invalid wavelength range"):
+            kelma.resample(np.full((1, 2), 0.5), [450.0, 650.0], extrapolate=True)
+
+
+class TestChartArrays:
+    """A chart given as arrays to build_model / evaluate_model meets the same rules."""
+
+    def chart(self):
+        f = kelma.MeasurementFile(SPECTRAL, required=["spectra", "device"])
+        return f.device_values[:200], f.resample().astype(np.float64)[:200]
+
+    @pytest.mark.parametrize("edit,match", [
+        (lambda d, s: (d, s * 100.0), r"spectra\[0, 0\] = .* look like percent, divide them by 100"),
+        (lambda d, s: (d, np.where(np.arange(31) == 5, 1.0e300, s)), r"spectra\[0, 5\] = 1e\+300 is outside the range"),
+        (lambda d, s: (np.where(np.arange(4) == 3, 1.0e300, d), s), r"device_values\[0, 3\] = 1e\+300 is outside the range"),
+    ])
+    def test_bad_chart_arrays(self, edit, match):
+        device, spectra = edit(*self.chart())
+        with pytest.raises(ValueError, match=match):
+            kelma.build_model((device, spectra), [0, 100], method="classic")
+        with pytest.raises(ValueError, match=match):
+            kelma.evaluate_model(kelma.default_press_model(), (device, spectra))
