@@ -127,6 +127,12 @@ void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data
     RunOnCallingThread(data, count, input, nullptr, output, false, cielab);
 }
 
+bool ZKCSSE_KELMA_Thread::WorthThreads(const ZKCSSE_KELMA_Data& data, unsigned long count) {
+    constexpr unsigned long kCallingThreadWork = 1ul << 15;
+    // The processor count last: asking the system costs microseconds.
+    return (count << data.NumberOfInks()) > kCallingThreadWork && CPUCount() > 1;
+}
+
 void ZKCSSE_KELMA_Thread::Wait() { threads_.JoinAll(kernels_.size()); }
 
 void ZKCSSE_KELMA_Thread::Init(unsigned char* input, unsigned char* output, bool cielab) {

@@ -74,6 +74,12 @@ public:
                                          SPECTRUM_LAYOUT layout = SPECTRUM_PADDED);
     static void CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
                                          const unsigned char* input, unsigned char* output, bool cielab);
+    // Whether `count` samples are worth the driver (a model copy and threads)
+    // rather than the calling thread: more than one processor and more than
+    // 2^15 multiply-adds per wavelength in the batch (2048 samples of 4 inks,
+    // 256 of 7); below that, copying the model and starting threads cost more
+    // than they save.
+    static bool WorthThreads(const ZKCSSE_KELMA_Data& data, unsigned long count);
 
     unsigned int ThreadsInUse() const { return static_cast<unsigned int>(kernels_.size()); }
     // The kernel variant of every share, chosen when the driver was made.

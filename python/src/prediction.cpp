@@ -20,13 +20,10 @@ constexpr unsigned kStride = kelma::kSpectrumStride;
 // Samples per driver run (the driver counts them in 32 bits).
 constexpr std::size_t kDirectChunk = std::size_t(1) << 20;
 
-// Batches whose work (samples x corners per cell) is below this run on the
-// calling thread with the caller's model: copying the model and starting
-// threads would cost more than they save (2048 samples of 4 inks, 256 of 7).
-constexpr std::size_t kCallingThreadWork = std::size_t(1) << 15;
-
+// Small batches run on the calling thread with the caller's model (no copy,
+// no threads); the library decides what is small.
 bool OnCallingThread(const ZKCSSE_KELMA_Data& model, std::size_t count) {
-    return kelma::CPUCount() == 1 || (count << model.NumberOfInks()) <= kCallingThreadWork;
+    return !ZKCSSE_KELMA_Thread::WorthThreads(model, count);
 }
 
 std::size_t InkBatch(const ZKCSSE_KELMA_Data& model, const CArray<std::uint8_t>& inks, Shape* leading) {
