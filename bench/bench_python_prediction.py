@@ -11,6 +11,11 @@ work, measured in one run:
   against build/bench/bench_clut (BM_Kelma/4/0/1, same node table, random
   pixels, all processors).
 
+Then the cost of one call with a single sample (predict_spectra and
+predict_colors, 4 inks G = 5 and 7 inks G = 3): the median over rounds of the
+mean time of 2000 back-to-back calls, in microseconds (target: at most 20).
+Such calls run on the calling thread with the caller's model.
+
 Prints the median rate of each case over the rounds and the median of the
 per-round ratios Python / C++ (each round runs every Python case five times,
 taking the median, and each C++ benchmark once, so that load from other
@@ -82,6 +87,29 @@ def python_cases(kelma):
     return cases
 
 
+def one_sample_costs(kelma, rounds, calls=2000):
+    """Microseconds per call of a one-sample prediction (median over rounds)."""
+    sys.path.insert(0, os.path.join(REPO, "tests", "python"))
+    from reference import BeerLambertModel
+
+    rows = []
+    for inks, grid in ((4, 5), (7, 3)):
+        ref = BeerLambertModel(inks, grid, 2.2, seed=42)
+        model = kelma.Model(ref.grid, ref.ramps, ref.scheme.astype(np.float32), ref.n, media_relative=True)
+        one = np.full((1, inks), 100, np.uint8)
+        for name, call in (("predict_spectra", lambda: kelma.predict_spectra(model, one)),
+                           ("predict_colors", lambda: kelma.predict_colors(model, one))):
+            call()
+            means = []
+            for _ in range(rounds):
+                start = time.perf_counter()
+                for _ in range(calls):
+                    call()
+                means.append((time.perf_counter() - start) / calls * 1e6)
+            rows.append(("%s, 1 sample, %d inks (G=%d)" % (name, inks, grid), float(np.median(means))))
+    return rows
+
+
 def cxx_rate(binary, name_filter, repeats):
     with tempfile.NamedTemporaryFile(suffix=".json") as report:
         subprocess.run([binary, "--benchmark_filter=" + name_filter, "--benchmark_repetitions=%d" % repeats,
@@ -101,13 +129,19 @@ def main():
                         help="build folder holding python/ and bench/ (default: build)")
     parser.add_argument("--repeats", type=int, default=5)
     parser.add_argument("--no-cxx", action="store_true", help="skip the C++ benchmarks")
+    parser.add_argument("--one-sample-only", action="store_true", help="only the one-sample call costs")
     args = parser.parse_args()
     sys.path.insert(0, os.path.join(args.build, "python"))
     import kelma
     if not hasattr(kelma, "Model"):
         sys.exit("the kelma module was not found in %s/python" % args.build)
 
-    print("processors used: %d" % kelma.cpu_count())
+    print("processors used: %d, kernels: %s" % (kelma.cpu_count(), kelma.kernel_variant()))
+    print("%-48s %10s" % ("one-sample call (median)", "us/call"))
+    for name, micros in one_sample_costs(kelma, args.repeats):
+        print("%-48s %10.2f" % (name, micros))
+    if args.one_sample_only:
+        return
     # Rounds alternate the Python cases and the C++ runs, so that load from
     # other processes affects both sides alike; medians over the rounds.
     cases = python_cases(kelma)

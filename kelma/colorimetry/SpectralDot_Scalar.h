@@ -1,5 +1,6 @@
-// Scalar twin of SpectralDot_SSE: the same single-precision operations in the
-// same order, lane by lane. It is the documentation and the test oracle.
+// Scalar twin of SpectralDot_SSE.h and SpectralDot_AVX512.h: the same
+// single-precision operations in the same order, lane by lane. It is the
+// reference variant, the documentation and the test oracle.
 #pragma once
 
 #include "kelma/common/Config.h"
@@ -11,7 +12,7 @@ namespace KELMA_NAMESPACE {
 //   v[l]   = ((p0+p1)+(p2+p3)) + ((p4+p5)+(p6+p7))      lane-wise
 //   result = ((v[0]+v[1])+v[2])+v[3]
 // Units follow the inputs; NaN or inf in any slot propagates. Exact order:
-// results are bit-identical to the SSE version (contraction is off).
+// results are bit-identical to the vector versions (contraction is off).
 inline float SpectralDot_Scalar(const float* r, const float* w) {
     float v[4];
     for (int l = 0; l < 4; ++l) {

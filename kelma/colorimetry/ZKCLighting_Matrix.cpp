@@ -4,9 +4,10 @@
 #include <cstring>
 
 #include "kelma/colorimetry/CIELAB.h"
-#include "kelma/colorimetry/SpectralDot_SSE.h"
+#include "kelma/colorimetry/ColorimetryKernels.h"
+#include "kelma/colorimetry/LabBytes_Scalar.h"
 #include "kelma/colorimetry/ZKCWhitePoint.h"
-#include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
+#include "kelma/common/KernelVariant.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -105,39 +106,18 @@ AlignedBuffer<float> ZKCLighting_Matrix::CreateLighting_Matrix_MultipleIlluminan
 
 void ZKCLighting_Matrix::CalculateCIEXYZ(float* xyz, const float* spectra, unsigned int count,
                                          const std::vector<float>* factor) const {
-    std::vector<float> f(3 * std::size_t{count_}, 1.0f);
-    if (factor != nullptr) f = *factor;
-    const float* weights = weights_.data();
-    for (unsigned int s = 0; s < count; ++s, spectra += kSpectrumStride) {
-        // The spectrum's eight vectors are loaded once and reused for all 3n rows.
-        ZKSSpectrumVectors r = LoadSpectrum_SSE(spectra);
-        for (unsigned int j = 0; j < count_; ++j) {
-            const float* block = weights + j * std::size_t{kLightingBlock};
-            for (unsigned int c = 0; c < 3; ++c)
-                *xyz++ = SpectralDot_SSE(r, block + c * kSpectrumStride) * f[3 * j + c];
-        }
-    }
+    // The factor is taken as it is (at least 3n values); without one, 1.0.
+    SpectraToXYZ(ActiveKernelVariant(), weights_.data(), count_, factor != nullptr ? factor->data() : nullptr, spectra,
+                 count, xyz);
 }
 
 std::vector<float> ZKCLighting_Matrix::IlluminantWhite() const { return ZKCWhitePoint(*this).Values(); }
 
-unsigned char ZKCLighting_Matrix::EncodeCIELABByte(double v) {
-    double c = v > 255.0 ? 255.0 : (v >= 0.0 ? v : 0.0);
-    return static_cast<unsigned char>(static_cast<int>(c + 0.5));
-}
+unsigned char ZKCLighting_Matrix::EncodeCIELABByte(double v) { return EncodeByte_Scalar(v); }
 
 void ZKCLighting_Matrix::XYZ2CIELAB(double* lab, const float* xyz, const std::vector<double>& inverseWhite,
                                     unsigned long index) const {
-    double f[3];
-    double tY = 0.0;
-    for (int c = 0; c < 3; ++c) {
-        double t = static_cast<double>(xyz[c]) * inverseWhite[index + c];
-        if (c == 1) tY = t;
-        f[c] = t > kCIELABEncodingEpsilon ? std::pow(t, 0.3333333333333333) : kCIELABEncodingSlope * t + kSixteenOver116;
-    }
-    lab[0] = tY > kCIELABEncodingEpsilon ? 116.0 * f[1] - 16.0 : kCIELABEncodingKappa * tY;
-    lab[1] = 500.0 * (f[0] - f[1]);
-    lab[2] = 200.0 * (f[1] - f[2]);
+    CIELAB_Scalar(lab, xyz, inverseWhite.data() + index);
 }
 
 void ZKCLighting_Matrix::CalculateCIELAB(unsigned char* out, float* xyz, unsigned int count,
@@ -145,21 +125,7 @@ void ZKCLighting_Matrix::CalculateCIELAB(unsigned char* out, float* xyz, unsigne
     std::vector<float> white = IlluminantWhite();
     std::vector<double> inverseWhite(white.size());
     for (std::size_t i = 0; i < white.size(); ++i) inverseWhite[i] = 1.0 / static_cast<double>(white[i]);
-    for (unsigned int s = 0; s < count; ++s) {
-        for (unsigned int j = 0; j < count_; ++j, xyz += 3, out += 3) {
-            double lab[3];
-            XYZ2CIELAB(lab, xyz, inverseWhite, 3 * j);
-            if (cielabBytes) {
-                out[0] = EncodeCIELABByte(kCIELABByteScaleL * lab[0]);
-                out[1] = EncodeCIELABByte(lab[1] + kCIELABByteOffsetAB);
-                out[2] = EncodeCIELABByte(lab[2] + kCIELABByteOffsetAB);
-            } else {
-                double lhl[3];
-                ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::LAB2LAB2000HL(lhl, lab);
-                ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::LAB2000HL_BYTE(lhl, out);
-            }
-        }
-    }
+    XYZToLabBytes(ActiveKernelVariant(), count_, inverseWhite.data(), xyz, count, cielabBytes, out);
 }
 
 void ZKCLighting_Matrix::GetMediaRelativeTransformFactor(std::vector<float>& factor,

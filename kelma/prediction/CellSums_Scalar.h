@@ -1,6 +1,7 @@
-// Scalar twin of CellSums_SSE.h: the cellular Neugebauer sums of one sample
-// before the Yule-Nielsen power, with the SSE version's single-precision
-// operations in the same order, lane by lane. Documentation and test oracle.
+// Scalar twin of CellSums_SSE.h, CellSums_AVX2.h and CellSums_AVX512.h: the
+// cellular Neugebauer sums of one sample before the Yule-Nielsen power, with
+// their single-precision operations in the same order, one wavelength and
+// lane at a time. The reference variant, the documentation and the oracle.
 #pragma once
 
 #include "kelma/model/ZKCSSE_KELMA_Data.h"

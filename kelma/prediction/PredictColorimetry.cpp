@@ -66,7 +66,10 @@ void PredictColorimetry(const ZKCSSE_KELMA_Data& model, std::size_t count, const
     for (std::size_t start = 0; start < count; start += chunk) {
         const std::size_t n = std::min(chunk, count - start);
         unsigned char* in = const_cast<unsigned char*>(inks + start * N);
-        if (driver && driverCount == n) {
+        if (!ZKCSSE_KELMA_Thread::WorthThreads(model, n)) {
+            // Small: the same kernels on this thread, without copying the model.
+            ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, static_cast<unsigned int>(n), in, spectra.data());
+        } else if (driver && driverCount == n) {
             driver->Init(in, nullptr, false);
             driver->Calculate();
         } else {

@@ -21,9 +21,8 @@ const ZKSPowerTables& PowerTables() {
 
 }  // namespace yule_nielsen_power
 
-bool HasYuleNielsenPower_AVX512() {
-    static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx2");
-    return has;
+void YuleNielsenPower_Reference(const float* in, float y, float* out, unsigned int count) {
+    for (unsigned int i = 0; i < count; ++i) out[i] = YuleNielsenPowerLane_Scalar(in[i], y);
 }
 
 void YuleNielsenPower_SSE2(const float* in, float y, float* out, unsigned int count) {
@@ -40,11 +39,14 @@ void YuleNielsenPower_SSE2(const float* in, float y, float* out, unsigned int co
     }
 }
 
-void YuleNielsenPower(const float* in, float y, float* out, unsigned int count) {
-    if (HasYuleNielsenPower_AVX512())
-        YuleNielsenPower_AVX512(in, y, out, count);
-    else
-        YuleNielsenPower_SSE2(in, y, out, count);
+void YuleNielsenPower(KERNEL_VARIANT variant, const float* in, float y, float* out, unsigned int count) {
+    switch (variant) {
+        case KERNEL_REFERENCE: return YuleNielsenPower_Reference(in, y, out, count);
+        case KERNEL_SSE2:
+        case KERNEL_SSSE3: return YuleNielsenPower_SSE2(in, y, out, count);
+        case KERNEL_AVX2: return YuleNielsenPower_AVX2(in, y, out, count);
+        case KERNEL_AVX512: return YuleNielsenPower_AVX512(in, y, out, count);
+    }
 }
 
 }  // namespace KELMA_NAMESPACE

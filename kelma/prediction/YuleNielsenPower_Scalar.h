@@ -1,6 +1,7 @@
 // Scalar twin of the vectorised Yule-Nielsen power (YuleNielsenPower_SSE.h,
-// YuleNielsenPower_AVX512.cpp): the same double-precision operations and
-// table reads in the same order, lane by lane, so all three agree bit for bit.
+// YuleNielsenPower_AVX2.h, YuleNielsenPower_AVX512.h): the same double-
+// precision operations and table reads in the same order, lane by lane, so
+// all of them agree bit for bit. It is the reference variant and the oracle.
 //
 // x^y = 2^(y log2 x) for x a positive normal float and 0 < y <= 64:
 //   x = m 2^e, m in [1, 2); i = top 4 bits of m's fraction;

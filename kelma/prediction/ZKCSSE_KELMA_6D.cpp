@@ -5,8 +5,10 @@
 namespace KELMA_NAMESPACE {
 
 void ZKCSSE_KELMA_6D::CalculateSpectra(unsigned int count, const unsigned char* input, float* spectra) {
-    PredictSamples<16, 3>(data_, count, input, spectra, kSpectralValues,
-                                  packed_ ? kSpectralValues : kSpectrumStride, packed_);
+    PredictSamples(variant_, 6,
+                   MakePredictionJob(data_, laneRows_, kSpectralValues, packed_ ? kSpectralValues : kSpectrumStride,
+                                     packed_),
+                   count, input, spectra);
 }
 
 }  // namespace KELMA_NAMESPACE

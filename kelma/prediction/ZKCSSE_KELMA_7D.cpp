@@ -5,8 +5,10 @@
 namespace KELMA_NAMESPACE {
 
 void ZKCSSE_KELMA_7D::CalculateSpectra(unsigned int count, const unsigned char* input, float* spectra) {
-    PredictSamples<32, 3>(data_, count, input, spectra, valuesPerSample_,
-                            packed_ ? valuesPerSample_ : spectrumStride_, packed_);
+    PredictSamples(variant_, 7,
+                   MakePredictionJob(data_, laneRows_, valuesPerSample_, packed_ ? valuesPerSample_ : spectrumStride_,
+                                     packed_),
+                   count, input, spectra);
 }
 
 }  // namespace KELMA_NAMESPACE

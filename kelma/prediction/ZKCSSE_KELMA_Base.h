@@ -2,6 +2,12 @@
 // Internal: the driver makes one kernel per share and runs it on a thread.
 #pragma once
 
+#include <memory>
+#include <vector>
+
+#include "kelma/colorimetry/ColorimetryKernels.h"
+#include "kelma/common/AlignedBuffer.h"
+#include "kelma/common/KernelVariant.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 
 namespace KELMA_NAMESPACE {
@@ -9,7 +15,10 @@ namespace KELMA_NAMESPACE {
 class ZKCSSE_KELMA_Base {
 public:
     // valuesPerSample 31 selects colorimetric bytes (3 per illuminant);
-    // any other value is the number of spectral bytes per sample.
+    // any other value is the number of spectral bytes per sample. With a
+    // byte pointer and no spectra pointer the kernel predicts its share in
+    // blocks through a small buffer of its own. The kernel variant is the
+    // active one (ActiveKernelVariant()) until SetKernelPlan chooses another.
     ZKCSSE_KELMA_Base(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input, float* spectra,
                       unsigned char* bytes, unsigned long valuesPerSample, unsigned long spectrumStride);
     virtual ~ZKCSSE_KELMA_Base();
@@ -36,8 +45,22 @@ public:
     // Packed spectra: 31 values per sample with no pad, for callers that want
     // a dense (count, 31) array. Spectra mode only; set before the first run.
     void SetPackedSpectra(bool packed) { packed_ = packed; }
+    // The variant every run of this kernel uses (one the processor runs) and
+    // the lane-major copy of the model's blocks for the wide variants (or
+    // null; it must outlive the kernel). Set before the first run.
+    void SetKernelPlan(KERNEL_VARIANT variant, const float* laneRows) {
+        variant_ = variant;
+        laneRows_ = laneRows;
+    }
+    KERNEL_VARIANT Variant() const { return variant_; }
 
 protected:
+    // Samples per block in byte mode without a shared spectra buffer: the
+    // block's spectra stay in the first-level cache between the two steps.
+    static constexpr unsigned int kByteBlock = 128;
+
+    void EncodeBytes(unsigned int count, const float* spectra, unsigned char* bytes);
+
     const ZKCSSE_KELMA_Data& data_;
     unsigned int count_;
     unsigned char* input_;
@@ -47,6 +70,16 @@ protected:
     unsigned int spectrumStride_;
     bool cielab_;
     bool packed_ = false;
+    KERNEL_VARIANT variant_;
+    const float* laneRows_ = nullptr;
+    // Byte mode: one block of spectra, allocated and first touched on the
+    // worker's thread, reused by later runs.
+    AlignedBuffer<float, 64> block_;
+    // Colorimetric bytes: the model they were prepared for, the colorimetry
+    // tables for it (factor, white, the variant's layouts) and an XYZ scratch.
+    const ZKCSSE_KELMA_Data* colorimetryModel_ = nullptr;
+    std::unique_ptr<ZKCColorimetryPlan> colorimetry_;
+    std::vector<float> xyz_;
 };
 
 }  // namespace KELMA_NAMESPACE

@@ -1,5 +1,6 @@
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 
+#include "kelma/prediction/LaneMajorScheme.h"
 #include "kelma/prediction/ZKCSSE_KELMA_4D.h"
 #include "kelma/prediction/ZKCSSE_KELMA_6D.h"
 #include "kelma/prediction/ZKCSSE_KELMA_7D.h"
@@ -49,14 +50,14 @@ ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned
                                          unsigned char* output, unsigned long valuesPerSample,
                                          unsigned long spectrumStride)
     : model_(data) {
-    // Room for the kernel's last write (the value at index valuesPerSample)
-    // even when a caller's stride is shorter than that.
-    std::size_t lastRecord = valuesPerSample + 1 > spectrumStride ? valuesPerSample + 1 : spectrumStride;
-    if (count != 0) spectralBuffer_ = AlignedBuffer<float>((count - 1) * std::size_t{spectrumStride} + lastRecord);
-    ThreadDistribution(model_, count, input, spectralBuffer_.data(), output, valuesPerSample, spectrumStride);
+    // No shared spectra buffer: each share works through a block buffer of its own.
+    ThreadDistribution(model_, count, input, nullptr, output, valuesPerSample, spectrumStride);
 }
 
-ZKCSSE_KELMA_Thread::~ZKCSSE_KELMA_Thread() { threads_.JoinAllNoThrow(); }
+ZKCSSE_KELMA_Thread::~ZKCSSE_KELMA_Thread() {
+    threads_.JoinAllNoThrow();
+    kernels_.clear();  // before the lane-major rows they read
+}
 
 unsigned int ZKCSSE_KELMA_Thread::CPUCount() { return KELMA_NAMESPACE::CPUCount(); }
 
@@ -72,15 +73,64 @@ void ZKCSSE_KELMA_Thread::ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsi
     if (bytes != nullptr && valuesPerSample == kSpectralValues)
         bytesPerSample = 3 * std::size_t{data.Lighting_Matrix().IlluminantNumber()};
     if (!HasKernel(N)) throw "DefaultCase";
+    // One choice of kernels for every share and every later Calculate.
+    variant_ = ActiveKernelVariant();
+    laneScheme_.reset();
+    if (variant_ >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count, static_cast<unsigned int>(shares.size())))
+        laneScheme_ = std::make_unique<ZKCLaneMajorScheme>(data);
     for (std::size_t i = 0; i < shares.size(); ++i) {
         const ZKSWorkShare& share = shares[i];
         kernels_[i] = MakeKernel(data, static_cast<unsigned int>(share.count), input + share.start * N,
-                                 spectra + share.start * spectrumStride,
+                                 spectra != nullptr ? spectra + share.start * spectrumStride : nullptr,
                                  bytes != nullptr ? bytes + share.start * bytesPerSample : nullptr,
                                  valuesPerSample, spectrumStride);
         kernels_[i]->SetPackedSpectra(packed_);
+        kernels_[i]->SetKernelPlan(variant_, laneScheme_ ? laneScheme_->Rows() : nullptr);
         threads_.Start(i, *kernels_[i]);
     }
+}
+
+namespace {
+
+// One kernel over the whole batch, run here. Lane-major rows only when the
+// batch pays for copying the blocks (it is not the model copy the driver makes).
+void RunOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count, const unsigned char* input,
+                        float* spectra, unsigned char* bytes, bool packed, bool cielab) {
+    if (!HasKernel(data.NumberOfInks())) throw "DefaultCase";
+    if (count == 0) return;
+    const KERNEL_VARIANT variant = ActiveKernelVariant();
+    std::unique_ptr<ZKCLaneMajorScheme> lanes;
+    if (variant >= KERNEL_AVX2 && ZKCLaneMajorScheme::Worthwhile(data, count, 1))
+        lanes = std::make_unique<ZKCLaneMajorScheme>(data);
+    // The kernels never write their input.
+    unsigned char* in = const_cast<unsigned char*>(input);
+    std::unique_ptr<ZKCSSE_KELMA_Base> kernel =
+        MakeKernel(data, count, in, spectra, bytes, kSpectralValues, packed ? kSpectralValues : kSpectrumStride);
+    kernel->SetPackedSpectra(packed);
+    kernel->SetKernelPlan(variant, lanes ? lanes->Rows() : nullptr);
+    if (bytes != nullptr) kernel->SetInputOutput(in, bytes, cielab);
+    (*kernel)();
+}
+
+}  // namespace
+
+void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                                   const unsigned char* input, float* output,
+                                                   SPECTRUM_LAYOUT layout) {
+    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw "DefaultCase";
+    RunOnCallingThread(data, count, input, output, nullptr, layout == SPECTRUM_PACKED, false);
+}
+
+void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
+                                                   const unsigned char* input, unsigned char* output,
+                                                   bool cielab) {
+    RunOnCallingThread(data, count, input, nullptr, output, false, cielab);
+}
+
+bool ZKCSSE_KELMA_Thread::WorthThreads(const ZKCSSE_KELMA_Data& data, unsigned long count) {
+    constexpr unsigned long kCallingThreadWork = 1ul << 15;
+    // The processor count last: asking the system costs microseconds.
+    return (count << data.NumberOfInks()) > kCallingThreadWork && CPUCount() > 1;
 }
 
 void ZKCSSE_KELMA_Thread::Wait() { threads_.JoinAll(kernels_.size()); }

@@ -1,5 +1,9 @@
 // The `kelma` extension module: spectral printer-model prediction,
 // colorimetry, resampling, measurement files and CLUTs on numpy arrays.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
 #include "common.h"
 
 namespace {
@@ -47,6 +51,20 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
         py::arg("count"),
         R"doc(Caps (or raises) the number of worker threads of every later computation;
 0 restores the processor count. Results do not depend on it. 0..1024.)doc");
+
+    // KELMA_KERNELS=reference|sse2|ssse3|avx2|avx512 caps the kernel variant
+    // of every computation (results do not depend on it; for testing each path).
+    if (const char* name = std::getenv("KELMA_KERNELS"); name != nullptr && *name != '\0') {
+        kelma::KERNEL_VARIANT variant;
+        if (!kelma::ParseKernelVariant(name, &variant))
+            throw py::value_error(std::string("KELMA_KERNELS is '") + name +
+                                  "', not one of reference, sse2, ssse3, avx2, avx512");
+        kelma::SetKernelVariantCap(variant);
+    }
+    m.def(
+        "kernel_variant", [] { return std::string(kelma::KernelVariantName(kelma::ActiveKernelVariant())); },
+        "The SIMD kernels computations use: 'reference', 'sse2', 'ssse3', 'avx2' or 'avx512' (the widest the\n"
+        "processor runs, lowered by the environment variable KELMA_KERNELS read at import).");
 
     kelma_py::RegisterColorimetry(m);
     kelma_py::RegisterModel(m);

@@ -17,9 +17,14 @@ using kelma::ZKCSSE_KELMA_Thread;
 constexpr unsigned kValues = kelma::kSpectralValues;
 constexpr unsigned kStride = kelma::kSpectrumStride;
 
-// Samples per driver run (the driver counts them in 32 bits; in byte mode it
-// also holds a 128-byte spectrum per sample).
+// Samples per driver run (the driver counts them in 32 bits).
 constexpr std::size_t kDirectChunk = std::size_t(1) << 20;
+
+// Small batches run on the calling thread with the caller's model (no copy,
+// no threads); the library decides what is small.
+bool OnCallingThread(const ZKCSSE_KELMA_Data& model, std::size_t count) {
+    return !ZKCSSE_KELMA_Thread::WorthThreads(model, count);
+}
 
 std::size_t InkBatch(const ZKCSSE_KELMA_Data& model, const CArray<std::uint8_t>& inks, Shape* leading) {
     return BatchCount(inks, "inks", model.NumberOfInks(), "one byte 0..255 per ink", leading);
@@ -33,10 +38,17 @@ void PredictSpectra(const ZKCSSE_KELMA_Data& model, const std::uint8_t* inks, st
     // Straight into the caller's array: 32-float records, or 31 values packed.
     const unsigned N = model.NumberOfInks();
     const std::size_t stride = padded ? kStride : kValues;
+    const kelma::SPECTRUM_LAYOUT layout = padded ? kelma::SPECTRUM_PADDED : kelma::SPECTRUM_PACKED;
+    if (OnCallingThread(model, count)) {
+        for (std::size_t start = 0; start < count; start += kDirectChunk)
+            ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, static_cast<unsigned>(std::min(kDirectChunk, count - start)),
+                                                          inks + start * N, out + start * stride, layout);
+        return;
+    }
     for (std::size_t start = 0; start < count; start += kDirectChunk) {
         const std::size_t c = std::min(kDirectChunk, count - start);
         ZKCSSE_KELMA_Thread driver(model, static_cast<unsigned>(c), Input(inks + start * N), out + start * stride,
-                                   padded ? kelma::SPECTRUM_PADDED : kelma::SPECTRUM_PACKED);
+                                   layout);
         driver.Wait();
     }
 }
@@ -48,6 +60,12 @@ void PredictBytes(const ZKCSSE_KELMA_Data& model, const std::uint8_t* inks, std:
                   bool cielab) {
     const unsigned N = model.NumberOfInks();
     const std::size_t B = 3 * std::size_t{model.Lighting_Matrix().IlluminantNumber()};
+    if (OnCallingThread(model, count)) {
+        for (std::size_t start = 0; start < count; start += kDirectChunk)
+            ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, static_cast<unsigned>(std::min(kDirectChunk, count - start)),
+                                                          inks + start * N, out + start * B, cielab);
+        return;
+    }
     std::unique_ptr<ZKCSSE_KELMA_Thread> driver;
     std::size_t driverCount = 0;
     for (std::size_t start = 0; start < count; start += kDirectChunk) {
@@ -128,7 +146,8 @@ py::array_t<std::uint8_t> PredictColorsPy(const ModelPtr& model, const py::objec
 void RegisterPrediction(py::module_& m) {
     m.def("predict_spectra", &PredictSpectraPy, py::arg("model"), py::arg("inks"), py::kw_only(),
           py::arg("padded") = false, py::arg("out") = py::none(),
-          R"doc(Predicted spectral reflectance of ink samples, on all processors.
+          R"doc(Predicted spectral reflectance of ink samples, on all processors (small
+batches on the calling thread, with the same results).
 
 model: a kelma.Model.
 inks: uint8 (..., N): one byte 0..255 per ink on the last axis (N =
@@ -143,7 +162,8 @@ and n is not an integer).)doc");
     m.def("predict_colors", &PredictColorsPy, py::arg("model"), py::arg("inks"), py::kw_only(),
           py::arg("encoding") = "lab2000hl", py::arg("illuminant") = py::none(),
           py::arg("media_relative") = py::none(),
-          R"doc(Predicted colour of ink samples as bytes, on all processors.
+          R"doc(Predicted colour of ink samples as bytes, on all processors (small
+batches on the calling thread, with the same results).
 
 model: a kelma.Model; inks: uint8 (..., N) as for predict_spectra.
 encoding: 'lab2000hl' (3.3931 L, 2.6771 a + 128, 2.6771 b + 128 of LAB2000HL)

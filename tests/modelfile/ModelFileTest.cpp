@@ -32,10 +32,11 @@ namespace {
 
 const std::string kScratch = KELMA_TEST_SCRATCH_DIR;
 
-// A fresh, empty scratch directory for one test.
+// A fresh, empty scratch directory for one test, of this process only: CTest
+// runs the binary more than once at a time (once per kernel variant).
 std::string ScratchDir(const std::string& name) {
     ::mkdir(kScratch.c_str(), 0755);
-    const std::string dir = kScratch + "/" + name;
+    const std::string dir = kScratch + "/" + name + "." + std::to_string(::getpid());
     std::system(("rm -rf '" + dir + "'").c_str());
     ::mkdir(dir.c_str(), 0755);
     return dir;

@@ -11,6 +11,8 @@
 #include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
 #include "kelma/prediction/CellSums_SSE.h"
 #include "kelma/prediction/CellSums_Scalar.h"
+#include "kelma/prediction/LaneMajorScheme.h"
+#include "kelma/prediction/PredictSamples.h"
 #include "kelma/prediction/YuleNielsenPower_Scalar.h"
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 #include "tests/support/ModelGenerator.h"
@@ -20,6 +22,8 @@ using namespace kelma;
 using kelma_test::MakeTestModel;
 using kelma_test::SameBits;
 using kelma_test::ScopedCPUCount;
+using kelma_test::ScopedKernelCap;
+using kelma_test::UnsupportedVariant;
 
 namespace {
 
@@ -146,6 +150,112 @@ TEST(Prediction, SpectraEqualTheScalarTwinsBitForBit) {
         }
     }
 }
+
+// A model of `inks` inks on a 3-point grid with coefficients drawn from
+// [-1, 1]: negative sums (NaN under a non-integer n), sums above 1 and every
+// lane of the power's special-case path occur.
+ZKCSSE_KELMA_Data RandomCoefficientModel(unsigned int inks, float n, std::uint32_t seed) {
+    auto tm = MakeTestModel(inks, 3, 2.0, seed);
+    std::vector<float> g = tm.GridF(), r = tm.RampsF(), scheme = tm.SchemeF();
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> coef(-1.0f, 1.0f);
+    for (float& c : scheme) c = coef(rng);
+    return ZKCSSE_KELMA_Data(inks, 3, g.data(), r.data(), scheme.data(), n, kelma_test::D50Matrix(), INK_SET_NONE,
+                             false, false, 31);
+}
+
+// The scalar twins, sample by sample: the oracle of every variant.
+std::vector<float> TwinSpectra(const ZKCSSE_KELMA_Data& model, const std::vector<unsigned char>& samples) {
+    const unsigned int N = model.NumberOfInks();
+    const std::size_t count = samples.size() / N;
+    std::vector<float> out(count * 31);
+    const auto* lut = model.EffectiveRampsLUT().data();
+    for (std::size_t s = 0; s < count; ++s) {
+        float sums[31];
+        const unsigned char* x = &samples[s * N];
+        if (N == 4) CellSums_Scalar<4>(lut, model.MatrixScheme(), x, 31, sums);
+        if (N == 6) CellSums_Scalar<16>(lut, model.MatrixScheme(), x, 31, sums);
+        if (N == 7) CellSums_Scalar<32>(lut, model.MatrixScheme(), x, 31, sums);
+        for (int w = 0; w < 31; ++w) out[s * 31 + w] = YuleNielsenPowerLane_Scalar(sums[w], model.n());
+    }
+    return out;
+}
+
+class PredictionVariant : public ::testing::TestWithParam<KERNEL_VARIANT> {
+protected:
+    void SetUp() override {
+        if (!KernelVariantSupported(GetParam())) GTEST_SKIP() << UnsupportedVariant(GetParam());
+    }
+};
+
+// Each variant's loop, with and without the lane-major rows, in padded and
+// packed records, over whole batches and sub-batches at odd positions, gives
+// the scalar twins' floats bit for bit, the 0.0 pad, and writes nothing else.
+TEST_P(PredictionVariant, EqualsTheScalarTwinsBitForBit) {
+    for (unsigned int inks : {4u, 6u, 7u}) {
+        for (float n : {2.5f, 2.0f}) {
+            ZKCSSE_KELMA_Data model = RandomCoefficientModel(inks, n, 40 + inks);
+            ZKCLaneMajorScheme lanes(model);
+            const unsigned int count = 301;
+            std::vector<unsigned char> samples = RandomSamples(count, inks, inks + 11);
+            for (int s = 0; s < 3; ++s) samples[s * inks + s % inks] = 255;  // the last cell, weight 1
+            const std::vector<float> twin = TwinSpectra(model, samples);
+            for (const float* rows : {static_cast<const float*>(nullptr), lanes.Rows()}) {
+                for (bool packed : {false, true}) {
+                    const unsigned int stride = packed ? 31 : 32;
+                    const ZKSPredictionJob job = MakePredictionJob(model, rows, 31, stride, packed);
+                    for (unsigned int batch : {count, 1u, 5u, 16u}) {
+                        for (unsigned int start = 0; start + batch <= count; start += batch == count ? count : 37) {
+                            std::vector<float> out(std::size_t{batch} * stride + 8, -3.0f);
+                            PredictSamples(GetParam(), inks, job, batch, &samples[std::size_t{start} * inks],
+                                           out.data());
+                            for (unsigned int s = 0; s < batch; ++s) {
+                                for (int w = 0; w < 31; ++w)
+                                    ASSERT_TRUE(SameBits(out[s * stride + w], twin[(start + s) * 31 + w]))
+                                        << inks << " inks, n " << n << ", sample " << start + s << ", w " << w
+                                        << (rows ? ", lane-major" : "") << (packed ? ", packed" : "");
+                                if (!packed) {
+                                    ASSERT_TRUE(SameBits(out[s * stride + 31], 0.0f));
+                                }
+                            }
+                            for (std::size_t i = std::size_t{batch} * stride; i < out.size(); ++i)
+                                ASSERT_EQ(out[i], -3.0f);
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
+// The driver under each variant cap: same bits as the scalar twins, on a
+// batch large enough for the lane-major rows and on one too small for them.
+TEST_P(PredictionVariant, DriverResultsDoNotDependOnTheVariant) {
+    ScopedKernelCap cap(GetParam());
+    ScopedCPUCount one(1);
+    for (const Case& c : kCases) {
+        auto tm = MakeTestModel(c.inks, c.grid, c.n, 800 + c.inks);
+        ZKCSSE_KELMA_Data model = tm.Build();
+        ASSERT_TRUE(ZKCLaneMajorScheme::Worthwhile(model, 9000, 1));
+        ASSERT_FALSE(ZKCLaneMajorScheme::Worthwhile(model, 7, 1));
+        for (unsigned int count : {9000u, 7u}) {
+            std::vector<unsigned char> samples = RandomSamples(count, c.inks, count);
+            const std::vector<float> twin = TwinSpectra(model, samples);
+            AlignedBuffer<float> out(std::size_t{count} * 32);
+            {
+                ZKCSSE_KELMA_Thread driver(model, count, samples.data(), out.data());
+                EXPECT_EQ(driver.Variant(), GetParam());
+                driver.Wait();
+            }
+            for (unsigned int s = 0; s < count; ++s)
+                ASSERT_EQ(0, std::memcmp(&out[std::size_t{s} * 32], &twin[std::size_t{s} * 31], 31 * sizeof(float)))
+                    << c.inks << " inks, sample " << s << " of " << count;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Variants, PredictionVariant, ::testing::ValuesIn(kelma_test::kAllKernelVariants),
+                         kelma_test::KernelVariantParamName<::testing::TestParamInfo<KERNEL_VARIANT>>);
 
 TEST(Prediction, NegativeSumsWithNonIntegerNGiveNaNAndNothingIsClamped) {
     auto tm = MakeTestModel(4, 2, 2.5, 7);
@@ -298,4 +408,55 @@ TEST(PredictionDriver, PackedSpectraAreThePaddedOnesWithoutThePad) {
         }
         EXPECT_EQ(text, "DefaultCase");
     }
+}
+
+// The calling-thread entry runs the driver's kernels on the caller's model:
+// the same bits in every layout and encoding, for small batches and for
+// batches that build the lane-major rows, and nothing written past the output.
+TEST(PredictOnCallingThread, GivesTheDriversResultsBitForBit) {
+    ZKCObserver observer(OBSERVER_CIE1931_2);
+    ZKCIlluminant_CIED50 d50;
+    ZKCIlluminant_CIEF11 f11;
+    ZKCLighting_Matrix two(observer, std::vector<ZKCIlluminant_Base*>{&d50, &f11});
+    for (const Case& c : kCases) {
+        auto tm = MakeTestModel(c.inks, c.grid, c.n, 900 + c.inks);
+        ZKCSSE_KELMA_Data model = tm.Build(two, true);
+        // 9000 samples: lane-major rows on the calling thread; the driver's
+        // shares build them only when each share is large enough.
+        for (unsigned int count : {1u, 3u, 9000u}) {
+            std::vector<unsigned char> samples = RandomSamples(count, c.inks, count + c.inks);
+            for (SPECTRUM_LAYOUT layout : {SPECTRUM_PADDED, SPECTRUM_PACKED}) {
+                const std::size_t size = std::size_t{count} * layout;
+                std::vector<float> driven(size), inline_(size + 8, -5.0f);
+                {
+                    ZKCSSE_KELMA_Thread driver(model, count, samples.data(), driven.data(), layout);
+                    driver.Wait();
+                }
+                ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, count, samples.data(), inline_.data(), layout);
+                ASSERT_EQ(0, std::memcmp(driven.data(), inline_.data(), size * sizeof(float)))
+                    << c.inks << " inks, " << count << " samples, layout " << layout;
+                for (std::size_t i = size; i < inline_.size(); ++i) ASSERT_EQ(inline_[i], -5.0f);
+            }
+            for (bool cielab : {false, true}) {
+                std::vector<unsigned char> driven(std::size_t{count} * 6), inline_(std::size_t{count} * 6 + 4, 0xAB);
+                {
+                    ZKCSSE_KELMA_Thread driver(model, count, samples.data(), driven.data(), 31, 32);
+                    driver.Init(samples.data(), driven.data(), cielab);
+                    driver.Calculate();
+                }
+                ZKCSSE_KELMA_Thread::CalculateOnCallingThread(model, count, samples.data(), inline_.data(), cielab);
+                ASSERT_EQ(driven, std::vector<unsigned char>(inline_.begin(), inline_.begin() + count * 6))
+                    << c.inks << " inks, " << count << " samples" << (cielab ? ", CIELAB" : ", LAB2000HL");
+                for (std::size_t i = driven.size(); i < inline_.size(); ++i) ASSERT_EQ(inline_[i], 0xAB);
+            }
+        }
+    }
+    auto five = MakeTestModel(5, 2, 2.0, 9).Build();
+    unsigned char sample[5] = {0, 0, 0, 0, 0};
+    float spectrum[32];
+    unsigned char bytes[3];
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Thread::CalculateOnCallingThread(five, 1, sample, spectrum); }),
+              "DefaultCase");
+    EXPECT_EQ(kelma_test::ThrownText([&] { ZKCSSE_KELMA_Thread::CalculateOnCallingThread(five, 1, sample, bytes, false); }),
+              "DefaultCase");
 }

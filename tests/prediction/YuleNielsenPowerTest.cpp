@@ -14,6 +14,7 @@
 
 using namespace kelma;
 using kelma_test::SameBits;
+using kelma_test::UnsupportedVariant;
 
 namespace {
 
@@ -37,8 +38,10 @@ const float kExponents[] = {1.0f, 1.25f, 1.5f, 1.7f, 2.0f, 2.2f, 2.5f, 3.0f, 3.7
 }  // namespace
 
 // Dense sweep of the bases a model produces (every 613th float from the
-// smallest normal to 1.5) against the C library's powf.
+// smallest normal to 1.5) against the C library's powf, in the variant the
+// suite runs under (CTest runs the suite once per variant).
 TEST(YuleNielsenPower, StaysWithinTwoUlpOfPowf) {
+    const KERNEL_VARIANT variant = ActiveKernelVariant();
     std::vector<float> bases;
     for (std::uint32_t b = 0x00800000u; FromBits(b) <= 1.5f; b += 613) bases.push_back(FromBits(b));
     bases.push_back(1.5f);
@@ -46,12 +49,13 @@ TEST(YuleNielsenPower, StaysWithinTwoUlpOfPowf) {
     std::int64_t worst = 0;
     std::size_t differing = 0;
     for (float y : kExponents) {
-        YuleNielsenPower(bases.data(), y, out.data(), static_cast<unsigned int>(bases.size()));
+        YuleNielsenPower(variant, bases.data(), y, out.data(), static_cast<unsigned int>(bases.size()));
         for (std::size_t i = 0; i < bases.size(); ++i) {
             std::int64_t d = UlpDistance(out[i], std::pow(bases[i], y));
             worst = std::max(worst, d);
             differing += d != 0;
-            ASSERT_LE(d, 2) << bases[i] << "^" << y << " = " << out[i] << ", powf " << std::pow(bases[i], y);
+            ASSERT_LE(d, 2) << bases[i] << "^" << y << " = " << out[i] << ", powf " << std::pow(bases[i], y) << " ("
+                            << KernelVariantName(variant) << ")";
         }
     }
     // Nearly always the same float as powf; a looser kernel shows here first.
@@ -59,7 +63,14 @@ TEST(YuleNielsenPower, StaysWithinTwoUlpOfPowf) {
     EXPECT_LT(differing, bases.size() * std::size(kExponents) / 1000);
 }
 
-TEST(YuleNielsenPower, KeepsPowfsSpecialCases) {
+class YuleNielsenPowerVariant : public ::testing::TestWithParam<KERNEL_VARIANT> {
+protected:
+    void SetUp() override {
+        if (!KernelVariantSupported(GetParam())) GTEST_SKIP() << UnsupportedVariant(GetParam());
+    }
+};
+
+TEST_P(YuleNielsenPowerVariant, KeepsPowfsSpecialCases) {
     const float inf = std::numeric_limits<float>::infinity();
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float bases[] = {0.0f, -0.0f, 1.0f, -0.5f, -1.0f, -2.0f, nan, inf, -inf, FLT_MIN / 4, FLT_TRUE_MIN,
@@ -67,7 +78,7 @@ TEST(YuleNielsenPower, KeepsPowfsSpecialCases) {
     const float exponents[] = {2.5f, 2.0f, 3.0f, 1.0f, 15.0f, 0.0f, -1.0f, 100.0f, nan, inf};
     for (float y : exponents) {
         std::vector<float> in(std::begin(bases), std::end(bases)), out(in.size());
-        YuleNielsenPower(in.data(), y, out.data(), static_cast<unsigned int>(in.size()));
+        YuleNielsenPower(GetParam(), in.data(), y, out.data(), static_cast<unsigned int>(in.size()));
         for (std::size_t i = 0; i < in.size(); ++i) {
             float expected = std::pow(in[i], y);
             if (std::isnan(expected))
@@ -79,35 +90,38 @@ TEST(YuleNielsenPower, KeepsPowfsSpecialCases) {
         }
     }
     float x[3] = {0.0f, 1.0f, -0.3f}, r[3];
-    YuleNielsenPower(x, 2.5f, r, 3);
+    YuleNielsenPower(GetParam(), x, 2.5f, r, 3);
     EXPECT_EQ(r[0], 0.0f);
     EXPECT_EQ(r[1], 1.0f);
     EXPECT_TRUE(std::isnan(r[2]));
 }
 
-// Results must not depend on the processor: SSE2 and AVX-512 forms equal
-// the scalar twin bit for bit, for any count (tails included).
-TEST(YuleNielsenPower, VectorFormsEqualTheScalarTwinBitForBit) {
+// Results must not depend on the processor: every variant equals the scalar
+// twin bit for bit, for any count (tails included) and for special lanes
+// anywhere in a vector.
+TEST_P(YuleNielsenPowerVariant, EqualsTheScalarTwinBitForBit) {
     std::mt19937 rng(3);
     std::uniform_real_distribution<float> base(-0.2f, 1.6f);
-    std::vector<float> in(4099);
+    std::vector<float> in(4099 + 33);  // room for the largest count at the largest offset
     for (float& v : in) v = base(rng);
     in[5] = 0.0f;
     in[17] = std::numeric_limits<float>::quiet_NaN();
     in[40] = FLT_TRUE_MIN;
-    for (float y : {1.0f, 2.2f, 7.5f, 15.0f, 0.0f}) {
-        for (unsigned int count : {1u, 3u, 4u, 7u, 9u, 31u, 4099u}) {
-            std::vector<float> sse(count), wide(count);
-            YuleNielsenPower_SSE2(in.data(), y, sse.data(), count);
-            for (unsigned int i = 0; i < count; ++i) {
-                float twin = YuleNielsenPowerLane_Scalar(in[i], y);
-                ASSERT_TRUE(SameBits(sse[i], twin) || (std::isnan(sse[i]) && std::isnan(twin))) << in[i] << "^" << y;
+    in[63] = 1.0f;
+    for (float y : {1.0f, 2.2f, 7.5f, 15.0f, 0.0f, 64.0f, 70.0f}) {
+        for (unsigned int count : {1u, 3u, 4u, 7u, 9u, 15u, 16u, 17u, 31u, 32u, 4099u}) {
+            for (unsigned int offset : {0u, 1u, 33u}) {
+                std::vector<float> out(count);
+                YuleNielsenPower(GetParam(), in.data() + offset, y, out.data(), count);
+                for (unsigned int i = 0; i < count; ++i) {
+                    float twin = YuleNielsenPowerLane_Scalar(in[offset + i], y);
+                    ASSERT_TRUE(SameBits(out[i], twin) || (std::isnan(out[i]) && std::isnan(twin)))
+                        << in[offset + i] << "^" << y << " count " << count;
+                }
             }
-            if (!HasYuleNielsenPower_AVX512()) continue;
-            YuleNielsenPower_AVX512(in.data(), y, wide.data(), count);
-            for (unsigned int i = 0; i < count; ++i)
-                ASSERT_TRUE(SameBits(sse[i], wide[i]) || (std::isnan(sse[i]) && std::isnan(wide[i])))
-                    << in[i] << "^" << y;
         }
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Variants, YuleNielsenPowerVariant, ::testing::ValuesIn(kelma_test::kAllKernelVariants),
+                         kelma_test::KernelVariantParamName<::testing::TestParamInfo<KERNEL_VARIANT>>);

@@ -1,5 +1,8 @@
 """Models from arrays, spectral and colorimetric prediction, sub-models."""
 import itertools
+import os
+import subprocess
+import sys
 
 import numpy as np
 import pytest
@@ -112,6 +115,58 @@ class TestSpectra:
         for r in results[1:]:
             for a, b in zip(results[0], r):
                 np.testing.assert_array_equal(a, b)
+
+    @pytest.mark.parametrize("fixture", ["ref4", "ref6", "ref7"])
+    def test_small_batches_on_the_calling_thread_equal_the_threaded_driver(self, fixture, request, rng):
+        # 3000 samples go to the threaded driver, one to a few hundred run on
+        # the calling thread with the caller's model: the same bytes.
+        model = build(request.getfixturevalue(fixture), illuminants=["D50", "F11"])
+        inks = rng.integers(0, 256, (3000, model.inks), dtype=np.uint8)
+        kelma.set_cpu_count_override(3)
+        whole = [kelma.predict_spectra(model, inks), kelma.predict_spectra(model, inks, padded=True),
+                 kelma.predict_colors(model, inks), kelma.predict_colors(model, inks, encoding="cielab")]
+        for start, stop in ((0, 1), (17, 18), (5, 260), (2999, 3000)):
+            part = inks[start:stop]
+            small = [kelma.predict_spectra(model, part), kelma.predict_spectra(model, part, padded=True),
+                     kelma.predict_colors(model, part), kelma.predict_colors(model, part, encoding="cielab")]
+            for a, b in zip(whole, small):
+                np.testing.assert_array_equal(a[start:stop], b)
+
+
+def _run_with_kernels(name, code):
+    env = dict(os.environ, KELMA_KERNELS=name)
+    return subprocess.run([sys.executable, "-c", code], env=env, capture_output=True, text=True, timeout=120)
+
+
+def test_kelma_kernels_selects_the_kernels_and_results_do_not_change(model4, rng):
+    # Every variant this processor runs gives the default variant's bytes.
+    code = ("import sys, numpy as np, kelma\n"
+            f"sys.path.insert(0, {os.path.dirname(os.path.abspath(__file__))!r})\n"
+            "from reference import BeerLambertModel\n"
+            "ref = BeerLambertModel(4, 5, 2.2, seed=42)\n"
+            "model = kelma.Model(ref.grid, ref.ramps.astype(np.float32), ref.scheme.astype(np.float32), ref.n)\n"
+            "inks = np.random.default_rng(3).integers(0, 256, (5000, 4), dtype=np.uint8)\n"
+            "kelma.set_cpu_count_override(2)\n"
+            "sys.stdout.buffer.write(kelma.predict_spectra(model, inks).tobytes())\n"
+            "sys.stdout.buffer.write(kelma.predict_colors(model, inks).tobytes())\n"
+            "sys.stderr.write(kelma.kernel_variant())\n")
+    results = {}
+    for name in ("reference", "sse2", "ssse3", "avx2", "avx512"):
+        env = dict(os.environ, KELMA_KERNELS=name)
+        run = subprocess.run([sys.executable, "-c", code], env=env, capture_output=True, timeout=120)
+        assert run.returncode == 0, run.stderr.decode()
+        results[run.stderr.decode()] = run.stdout
+    # The cap lowers the variant to at most the named one.
+    assert "reference" in results and "sse2" in results
+    first = next(iter(results.values()))
+    for name, out in results.items():
+        assert out == first, name
+
+
+def test_an_unknown_kelma_kernels_name_fails_the_import():
+    run = _run_with_kernels("AVX512", "import kelma")
+    assert run.returncode != 0
+    assert "KELMA_KERNELS is 'AVX512', not one of reference, sse2, ssse3, avx2, avx512" in run.stderr
 
 
 class TestColors:

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "kelma/common/AlignedBuffer.h"
+#include "kelma/common/KernelVariant.h"
 #include "kelma/common/Types.h"
 
 namespace kelma_test {
@@ -33,6 +34,35 @@ std::string ThrownText(F f) {
     }
     return "";
 }
+
+// Every kernel variant, narrowest first, for tests parameterised over them
+// (INSTANTIATE_TEST_SUITE_P(..., AllKernelVariants(), KernelVariantParamName)).
+// A case whose variant the processor lacks must say so:
+//   if (!kelma::KernelVariantSupported(v)) GTEST_SKIP() << UnsupportedVariant(v);
+inline const kelma::KERNEL_VARIANT kAllKernelVariants[] = {kelma::KERNEL_REFERENCE, kelma::KERNEL_SSE2,
+                                                           kelma::KERNEL_SSSE3, kelma::KERNEL_AVX2,
+                                                           kelma::KERNEL_AVX512};
+inline std::string UnsupportedVariant(kelma::KERNEL_VARIANT v) {
+    return std::string("this processor cannot run the ") + kelma::KernelVariantName(v) + " kernels";
+}
+
+// Names the cases of a suite parameterised over kAllKernelVariants.
+template <class ParamInfo>
+std::string KernelVariantParamName(const ParamInfo& info) {
+    return kelma::KernelVariantName(info.param);
+}
+
+// Runs the enclosing scope with the kernel variant capped at `v`.
+class ScopedKernelCap {
+public:
+    explicit ScopedKernelCap(kelma::KERNEL_VARIANT v) : before_(kelma::KernelVariantCap()) {
+        kelma::SetKernelVariantCap(v);
+    }
+    ~ScopedKernelCap() { kelma::SetKernelVariantCap(before_); }
+
+private:
+    kelma::KERNEL_VARIANT before_;
+};
 
 // Runs the enclosing scope with the processor count forced to `n`.
 class ScopedCPUCount {

@@ -1,0 +1,263 @@
+// The AVX-512 loops of the lighting matrix: four rows of one spectrum per
+// vector, sixteen dot products finished per step (SpectralDot_AVX512.h), and
+// eight colour-byte triples per step (LabBytes_AVX512.h).
+// GCC 12 warns about the intrinsics' own "undefined vector" idiom when they
+// are inlined (a false positive); nothing in this file reads uninitialised data.
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "kelma/colorimetry/ColorimetryKernels.h"
+#include "kelma/colorimetry/LabBytes_AVX512.h"
+#include "kelma/colorimetry/SpectralDot_AVX512.h"
+#include "kelma/colorimetry/SpectralDot_Scalar.h"
+#include "kelma/colorspace/Lab2000hlTables.h"
+#include "kelma/common/AlignedBuffer.h"
+#include "kelma/common/Types.h"
+
+namespace KELMA_NAMESPACE {
+
+const ZKSLabMargins& LabMargins() {
+    static const ZKSLabMargins margins = [] {
+        // Steepest step of each table along each axis (per unit of L*, a*, b*).
+        const double* L = Lab2000hlLutL();
+        const double* A = Lab2000hlLutA();
+        const double* B = Lab2000hlLutB();
+        double sL = 0.0, sAa = 0.0, sAb = 0.0, sBa = 0.0, sBb = 0.0;
+        for (unsigned int i = 0; i + 1 < kLab2000hlLSize; ++i) sL = std::max(sL, std::fabs(L[i + 1] - L[i]) * 100.0);
+        for (unsigned int b = 0; b < kLab2000hlGridSide; ++b)
+            for (unsigned int a = 0; a < kLab2000hlGridSide; ++a) {
+                const unsigned int k = a + kLab2000hlGridSide * b;
+                if (a + 1 < kLab2000hlGridSide) {
+                    sAa = std::max(sAa, std::fabs(A[k + 1] - A[k]));
+                    sBa = std::max(sBa, std::fabs(B[k + 1] - B[k]));
+                }
+                if (b + 1 < kLab2000hlGridSide) {
+                    sAb = std::max(sAb, std::fabs(A[k + kLab2000hlGridSide] - A[k]));
+                    sBb = std::max(sBb, std::fabs(B[k + kLab2000hlGridSide] - B[k]));
+                }
+            }
+        // |d L*| <= 116 e, |d a*| <= 1000 e, |d b*| <= 400 e for cube roots
+        // off by e; four times the resulting bound, plus the rounding noise
+        // of two evaluations of a few dozen operations on values below 300.
+        const double e = kCubeRootError;
+        const double noise = 1e-9;
+        ZKSLabMargins m;
+        m.cielab[0] = 4.0 * kCIELABByteScaleL * 116.0 * e + noise;
+        m.cielab[1] = 4.0 * 1000.0 * e + noise;
+        m.cielab[2] = 4.0 * 400.0 * e + noise;
+        m.lab2000hl[0] = 4.0 * kLab2000hlByteScaleL * sL * 116.0 * e + noise;
+        m.lab2000hl[1] = 4.0 * kLab2000hlByteScaleAB * (sAa * 1000.0 + sAb * 400.0) * e + noise;
+        m.lab2000hl[2] = 4.0 * kLab2000hlByteScaleAB * (sBa * 1000.0 + sBb * 400.0) * e + noise;
+        return m;
+    }();
+    return margins;
+}
+
+namespace {
+
+// v >= lo ? (v > hi ? hi : v) : lo; NaN gives lo.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512d Clamp(__m512d v, double lo, double hi) {
+    const __m512d vlo = _mm512_set1_pd(lo), vhi = _mm512_set1_pd(hi);
+    const __m512d r = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(v, vlo, _CMP_GE_OQ), vlo, v);
+    return _mm512_mask_blend_pd(_mm512_cmp_pd_mask(r, vhi, _CMP_GT_OQ), r, vhi);
+}
+
+// (int)((v > 255 ? 255 : (v >= 0 ? v : 0)) + 0.5)
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m256i Encode(__m512d v) {
+    __m512d c = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(v, _mm512_setzero_pd(), _CMP_GE_OQ), _mm512_setzero_pd(), v);
+    c = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(v, _mm512_set1_pd(255.0), _CMP_GT_OQ), c, _mm512_set1_pd(255.0));
+    return _mm512_cvttpd_epi32(_mm512_add_pd(c, _mm512_set1_pd(0.5)));
+}
+
+// Lanes whose byte value v lies within `margin` of a rounding boundary k - 0.5
+// (k = 1..255).
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __mmask8 NearBoundary(__m512d v, double margin) {
+    const __m512d r = _mm512_add_pd(v, _mm512_set1_pd(0.5));
+    const __m512d d = _mm512_abs_pd(_mm512_sub_pd(r, _mm512_roundscale_pd(r, _MM_FROUND_TO_NEAREST_INT |
+                                                                              _MM_FROUND_NO_EXC)));
+    return _mm512_cmp_pd_mask(d, _mm512_set1_pd(margin), _CMP_LT_OQ) &
+           _mm512_cmp_pd_mask(v, _mm512_set1_pd(0.5 - margin), _CMP_GT_OQ) &
+           _mm512_cmp_pd_mask(v, _mm512_set1_pd(254.5 + margin), _CMP_LT_OQ);
+}
+
+// f(t) of the twin, the cube root taken by CubeRoot8_AVX512. `cube` collects
+// the lanes that used it, `twin` those that must take the twin instead.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512d LabF(__m512d t, __mmask8* cube, __mmask8* twin) {
+    const __mmask8 big = _mm512_cmp_pd_mask(t, _mm512_set1_pd(kCIELABEncodingEpsilon), _CMP_GT_OQ);
+    const __mmask8 inRange = _mm512_cmp_pd_mask(t, _mm512_set1_pd(kCubeRootMaxT), _CMP_LE_OQ);
+    *cube |= big;
+    *twin |= big & static_cast<__mmask8>(~inRange);
+    const __m512d linear =
+        _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(kCIELABEncodingSlope), t), _mm512_set1_pd(kSixteenOver116));
+    // Lanes that take neither branch's fast form get a harmless 1.0 root.
+    const __m512d root = CubeRoot8_AVX512(_mm512_mask_blend_pd(big & inRange, _mm512_set1_pd(1.0), t));
+    return _mm512_mask_blend_pd(big, linear, root);
+}
+
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512d Gather(const double* table, __m256i index) {
+    return _mm512_i32gather_pd(index, table, 8);
+}
+
+}  // namespace
+
+KELMA_TARGET_AVX512 void LabBytes8_AVX512(const float* xyz, unsigned int count, const double* inverseWhiteLanes,
+                                          const double* inverseWhite, const unsigned int* laneIlluminant,
+                                          bool cielab, unsigned char* out, const ZKSLabMargins* margins) {
+    // Deinterleave up to 24 floats into X, Y and Z vectors of 8 lanes.
+    const unsigned int floats = 3 * count;
+    const __m512 first = _mm512_maskz_loadu_ps(static_cast<__mmask16>(floats >= 16 ? 0xFFFF : (1u << floats) - 1), xyz);
+    const __m512 second =
+        _mm512_maskz_loadu_ps(static_cast<__mmask16>(floats > 16 ? (1u << (floats - 16)) - 1 : 0), xyz + 16);
+    __m512d t[3];
+    for (int c = 0; c < 3; ++c) {
+        const __m512i index = _mm512_setr_epi32(c, c + 3, c + 6, c + 9, c + 12, c + 15, c + 18, c + 21, 0, 0, 0, 0,
+                                                0, 0, 0, 0);
+        const __m256 v = _mm512_castps512_ps256(_mm512_permutex2var_ps(first, index, second));
+        t[c] = _mm512_mul_pd(_mm512_cvtps_pd(v), _mm512_load_pd(inverseWhiteLanes + 8 * c));
+    }
+    __mmask8 cube = 0, twin = 0;
+    const __m512d fX = LabF(t[0], &cube, &twin);
+    const __m512d fY = LabF(t[1], &cube, &twin);
+    const __m512d fZ = LabF(t[2], &cube, &twin);
+    const __mmask8 bigY = _mm512_cmp_pd_mask(t[1], _mm512_set1_pd(kCIELABEncodingEpsilon), _CMP_GT_OQ);
+    const __m512d L = _mm512_mask_blend_pd(bigY, _mm512_mul_pd(_mm512_set1_pd(kCIELABEncodingKappa), t[1]),
+                                           _mm512_sub_pd(_mm512_mul_pd(_mm512_set1_pd(116.0), fY), _mm512_set1_pd(16.0)));
+    const __m512d a = _mm512_mul_pd(_mm512_set1_pd(500.0), _mm512_sub_pd(fX, fY));
+    const __m512d b = _mm512_mul_pd(_mm512_set1_pd(200.0), _mm512_sub_pd(fY, fZ));
+
+    __m512d v[3];
+    const double* margin;
+    if (cielab) {
+        v[0] = _mm512_mul_pd(_mm512_set1_pd(kCIELABByteScaleL), L);
+        v[1] = _mm512_add_pd(a, _mm512_set1_pd(kCIELABByteOffsetAB));
+        v[2] = _mm512_add_pd(b, _mm512_set1_pd(kCIELABByteOffsetAB));
+        margin = (margins != nullptr ? *margins : LabMargins()).cielab;
+    } else {
+        // LAB2LAB2000HL: L linear in the 0.01 steps, a and b bilinear.
+        const __m512d one = _mm512_set1_pd(1.0);
+        const __m512d u = _mm512_mul_pd(_mm512_div_pd(Clamp(L, 0.0, 100.0), _mm512_set1_pd(100.0)),
+                                        _mm512_set1_pd(10000.0));
+        const __m256i i = _mm512_cvttpd_epi32(u);
+        const __m512d f = _mm512_sub_pd(u, _mm512_cvtepi32_pd(i));
+        const double* lutL = Lab2000hlLutL();
+        const __m512d lhl0 = _mm512_add_pd(_mm512_mul_pd(_mm512_sub_pd(one, f), Gather(lutL, i)),
+                                           _mm512_mul_pd(f, Gather(lutL, _mm256_add_epi32(i, _mm256_set1_epi32(1)))));
+        const __m512d p = _mm512_add_pd(Clamp(a, -128.0, 128.0), _mm512_set1_pd(128.0));
+        const __m512d q = _mm512_add_pd(Clamp(b, -128.0, 128.0), _mm512_set1_pd(128.0));
+        const __m256i ia = _mm512_cvttpd_epi32(p);
+        const __m256i ib = _mm512_cvttpd_epi32(q);
+        const __m512d fa = _mm512_sub_pd(p, _mm512_cvtepi32_pd(ia));
+        const __m512d fb = _mm512_sub_pd(q, _mm512_cvtepi32_pd(ib));
+        const __m256i k = _mm256_add_epi32(ia, _mm256_mullo_epi32(ib, _mm256_set1_epi32(257)));
+        const __m256i k1 = _mm256_add_epi32(k, _mm256_set1_epi32(1));
+        const __m256i k257 = _mm256_add_epi32(k, _mm256_set1_epi32(257));
+        const __m256i k258 = _mm256_add_epi32(k, _mm256_set1_epi32(258));
+        const __m512d w00 = _mm512_mul_pd(_mm512_sub_pd(one, fa), _mm512_sub_pd(one, fb));
+        const __m512d w10 = _mm512_mul_pd(fa, _mm512_sub_pd(one, fb));
+        const __m512d w01 = _mm512_mul_pd(_mm512_sub_pd(one, fa), fb);
+        const __m512d w11 = _mm512_mul_pd(fa, fb);
+        const double* tables[2] = {Lab2000hlLutA(), Lab2000hlLutB()};
+        __m512d lhl[2];
+        for (int c = 0; c < 2; ++c) {
+            const double* T = tables[c];
+            lhl[c] = _mm512_add_pd(_mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(w00, Gather(T, k)),
+                                                               _mm512_mul_pd(w10, Gather(T, k1))),
+                                                 _mm512_mul_pd(w01, Gather(T, k257))),
+                                   _mm512_mul_pd(w11, Gather(T, k258)));
+        }
+        v[0] = _mm512_mul_pd(_mm512_set1_pd(kLab2000hlByteScaleL), lhl0);
+        v[1] = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(kLab2000hlByteScaleAB), lhl[0]),
+                             _mm512_set1_pd(kLab2000hlByteOffsetAB));
+        v[2] = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(kLab2000hlByteScaleAB), lhl[1]),
+                             _mm512_set1_pd(kLab2000hlByteOffsetAB));
+        margin = (margins != nullptr ? *margins : LabMargins()).lab2000hl;
+    }
+    alignas(32) int bytes[3][8];
+    for (int c = 0; c < 3; ++c) _mm256_store_si256(reinterpret_cast<__m256i*>(bytes[c]), Encode(v[c]));
+    if (cube != 0)
+        twin |= cube & (NearBoundary(v[0], margin[0]) | NearBoundary(v[1], margin[1]) | NearBoundary(v[2], margin[2]));
+    for (unsigned int l = 0; l < count; ++l, out += 3) {
+        if (twin & (1u << l)) {
+            LabBytes_Scalar(xyz + 3 * l, inverseWhite + 3 * laneIlluminant[l], cielab, out);
+        } else {
+            out[0] = static_cast<unsigned char>(bytes[0][l]);
+            out[1] = static_cast<unsigned char>(bytes[1][l]);
+            out[2] = static_cast<unsigned char>(bytes[2][l]);
+        }
+    }
+}
+
+KELMA_TARGET_AVX512 void CubeRoots_AVX512(const double* in, double* out, unsigned int count) {
+    unsigned int i = 0;
+    for (; i + 8 <= count; i += 8) _mm512_storeu_pd(out + i, CubeRoot8_AVX512(_mm512_loadu_pd(in + i)));
+    if (i < count) {
+        const __mmask8 tail = static_cast<__mmask8>((1u << (count - i)) - 1);
+        _mm512_mask_storeu_pd(out + i, tail, CubeRoot8_AVX512(_mm512_mask_loadu_pd(_mm512_set1_pd(1.0), tail, in + i)));
+    }
+}
+
+KELMA_TARGET_AVX512 void XYZToLabBytes_AVX512(const ZKSWhiteLanes& lanes, const double* inverseWhite,
+                                              const float* xyz, unsigned int count, bool cielab,
+                                              unsigned char* out, const ZKSLabMargins& margins) {
+    const unsigned int n = lanes.n;
+    if (n == 0 || count == 0) return;
+    const std::size_t triples = std::size_t{count} * n;
+    unsigned int phase = 0;
+    for (std::size_t g = 0; g < triples; g += 8, xyz += 24, out += 24) {
+        const unsigned int c = static_cast<unsigned int>(std::min<std::size_t>(8, triples - g));
+        LabBytes8_AVX512(xyz, c, lanes.lanes.data() + 24 * phase, inverseWhite, &lanes.illuminant[8 * phase], cielab,
+                         out, &margins);
+        if (++phase == n) phase = 0;
+    }
+}
+
+KELMA_TARGET_AVX512 void SpectraToXYZ_AVX512(const ZKSQuadRows& quads, const float* weights, const float* factor,
+                                             const float* spectra, unsigned int count, float* xyz) {
+    // Quad q of sample s is one call of QuadDots_AVX512; four quads at a time
+    // finish their lane sums together and their existing rows are stored in
+    // order (sample-major, then illuminant, then X, Y, Z).
+    const unsigned int Q = quads.quads;
+    // Result lane 4 j + k (row j of quad k) to position 4 k + j.
+    const __m512i toQuadMajor = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const std::size_t total = std::size_t{count} * Q;
+    const float* s = spectra;
+    unsigned int q = 0;
+    std::size_t g = 0;
+    for (; g + 4 <= total; g += 4) {
+        __m512 V[4];
+        alignas(64) float f[16];
+        unsigned int valid = 0;
+        for (int k = 0; k < 4; ++k) {
+            V[k] = QuadDots_AVX512(s, quads.weights.data() + std::size_t{q} * 128);
+            _mm_store_ps(f + 4 * k, _mm_load_ps(quads.factor.data() + 4 * q));
+            valid |= static_cast<unsigned int>(quads.valid[q]) << (4 * k);
+            if (++q == Q) {
+                q = 0;
+                s += kSpectrumStride;
+            }
+        }
+        const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)), _mm512_load_ps(f));
+        const unsigned int written = static_cast<unsigned int>(__builtin_popcount(valid));
+        _mm512_mask_storeu_ps(xyz, static_cast<__mmask16>((1u << written) - 1),
+                              _mm512_maskz_compress_ps(static_cast<__mmask16>(valid), dots));
+        xyz += written;
+    }
+    // The last quads through the scalar twin.
+    for (; g < total; ++g) {
+        for (unsigned int j = 0; j < 4 && 4 * q + j < quads.rows; ++j) {
+            const unsigned int r = 4 * q + j;
+            *xyz++ = SpectralDot_Scalar(s, weights + std::size_t{kSpectrumStride} * r) *
+                     (factor != nullptr ? factor[r] : 1.0f);
+        }
+        if (++q == Q) {
+            q = 0;
+            s += kSpectrumStride;
+        }
+    }
+}
+
+}  // namespace KELMA_NAMESPACE

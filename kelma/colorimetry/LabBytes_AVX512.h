@@ -1,0 +1,80 @@
+// Colour bytes of eight XYZ triples at once in AVX-512 (doubles), with the
+// operations of the scalar twin LabBytes_Scalar.h except one: the twin's
+// pow(t, 0.3333333333333333) is replaced by a fast cube root (CubeRoot8_AVX512).
+// The bytes are still the twin's, exactly:
+//
+//  - Everything else is the twin's sequence of IEEE operations (no FMA); the
+//    branches test t, which both compute identically; the clamps keep NaN at
+//    the lower bound as the twin does; table reads are gathers of the same
+//    entries.
+//  - The cube root is within kCubeRootError (absolute; measured at most
+//    2.2e-15, see the tests) of pow for t in (0.008856, 64]. Every other t > 0.008856
+//    (large, inf) takes the twin for that triple.
+//  - A byte is floor(clamp(v) + 0.5): it changes only where v crosses k - 0.5.
+//    v depends on the three f values through continuous piecewise-linear
+//    steps (L* = 116 fY - 16, a* = 500 (fX - fY), the table interpolations)
+//    with known slopes, so |v - v_twin| <= slope x 2 kCubeRootError plus the
+//    two computations' rounding noise (ZKSLabMargins). A triple with any v
+//    closer than that to a rounding boundary is recomputed by the twin.
+// The fallbacks are rare (about 1 triple in 10^6 for random colours) and
+// only cost time.
+#pragma once
+
+#include <immintrin.h>
+
+#include "kelma/colorimetry/LabBytes_Scalar.h"
+#include "kelma/common/SimdTarget.h"
+
+namespace KELMA_NAMESPACE {
+
+// Bound on |CubeRoot8_AVX512(t) - pow(t, 0.3333333333333333)| for t in
+// (0.008856, 64], where the result is below 4: about fifty times the largest
+// error the tests measure (2.2e-15, a few ulp), so that the margins below
+// hold with room to spare.
+constexpr double kCubeRootError = 1e-13;
+constexpr double kCubeRootMaxT = 64.0;
+
+// Distance from a rounding boundary below which a byte value v (one of 2.55 L*,
+// a* + 128, b* + 128 or the LAB2000HL ones) is not trusted to the fast path.
+struct ZKSLabMargins {
+    double cielab[3];
+    double lab2000hl[3];
+};
+// From the LAB2000HL tables' steepest steps (computed once).
+const ZKSLabMargins& LabMargins();
+
+// t^(1/3) for t > 0 normal: t = m 2^e, e = 3 q + r (r = 0, 1, 2), u = m 2^r
+// in [1, 8); z ~ u^(-1/3) from a cubic, four Newton steps
+// z += z (1 - u z^3) / 3; u^(1/3) = u z z; the result is that times 2^q.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512d CubeRoot8_AVX512(__m512d t) {
+    const __m512d e = _mm512_getexp_pd(t);
+    const __m512d m = _mm512_getmant_pd(t, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_zero);
+    const __m512d q = _mm512_roundscale_pd(_mm512_mul_pd(_mm512_add_pd(e, _mm512_set1_pd(0.5)),
+                                                         _mm512_set1_pd(1.0 / 3.0)),
+                                           _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
+    const __m512d u = _mm512_scalef_pd(m, _mm512_sub_pd(e, _mm512_mul_pd(q, _mm512_set1_pd(3.0))));
+    __m512d z = _mm512_set1_pd(-0.0021217611830621273);
+    z = _mm512_add_pd(_mm512_mul_pd(z, u), _mm512_set1_pd(0.03987423381397851));
+    z = _mm512_add_pd(_mm512_mul_pd(z, u), _mm512_set1_pd(-0.27268903021164004));
+    z = _mm512_add_pd(_mm512_mul_pd(z, u), _mm512_set1_pd(1.2109690486966642));
+    const __m512d one = _mm512_set1_pd(1.0), third = _mm512_set1_pd(1.0 / 3.0);
+    for (int k = 0; k < 4; ++k) {
+        const __m512d z3 = _mm512_mul_pd(_mm512_mul_pd(z, z), z);
+        z = _mm512_add_pd(z, _mm512_mul_pd(_mm512_mul_pd(z, _mm512_sub_pd(one, _mm512_mul_pd(u, z3))), third));
+    }
+    return _mm512_scalef_pd(_mm512_mul_pd(_mm512_mul_pd(u, z), z), q);
+}
+
+// The bytes of `count` (1..8) triples at xyz (3 floats each) against the
+// inverse whites of each lane (24 doubles, 64-byte aligned: 8 lanes of 1/Xn,
+// of 1/Yn, of 1/Zn), written as 3 bytes per triple. inverseWhite +
+// 3 laneIlluminant[l] is lane l's inverse white for the twin (the fallbacks).
+// `margins` null: LabMargins().
+void LabBytes8_AVX512(const float* xyz, unsigned int count, const double* inverseWhiteLanes,
+                      const double* inverseWhite, const unsigned int* laneIlluminant, bool cielab,
+                      unsigned char* out, const ZKSLabMargins* margins = nullptr);
+
+// out[i] = CubeRoot8_AVX512(in[i]), for measuring its error.
+void CubeRoots_AVX512(const double* in, double* out, unsigned int count);
+
+}  // namespace KELMA_NAMESPACE

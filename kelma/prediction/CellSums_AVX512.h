@@ -1,0 +1,83 @@
+// The cellular Neugebauer sums of one sample with the wavelengths across the
+// lanes of two 16-float vectors (wavelengths 0-15 and 16-30 plus the pad),
+// read from the lane-major rows of LaneMajorScheme.h. Each lane performs the
+// scalar twin's operations (CellSums_Scalar.h) for its wavelength, in the
+// same order, so the sums are the twin's bit for bit:
+//   P_l = balanced pairwise tree over i of C[4 i + l] V_i[l]   (l = 0..3)
+//   s   = ((P0 + P1) + P2) + P3
+// with C[j] the row of corner j and V_i[l] = monomial 4 i + l broadcast to
+// every lane. The pad lane's coefficients are 0.0, so its sum is 0.0.
+#pragma once
+
+#include <immintrin.h>
+
+#include <cstdint>
+
+#include "kelma/common/SimdTarget.h"
+#include "kelma/prediction/CellSums_Scalar.h"
+#include "kelma/prediction/LaneMajorScheme.h"
+
+namespace KELMA_NAMESPACE {
+
+// Both halves of a row at once: lo = wavelengths 0-15, hi = 16-31.
+struct ZKSHalves_AVX512 {
+    __m512 lo, hi;
+};
+
+// Tree over vectors [Lo, Hi) for lane L of the monomials; `rows` points at
+// the sample's cell. Each leaf multiplies both halves of its row by the
+// monomial, broadcast from monoLo and from monoHi (the same values; with
+// many monomials two pointers keep the compiler from merging the two
+// broadcasts into one long-lived register per monomial, which would spill).
+template <int NV, int L, int Lo, int Hi>
+struct LaneTree_AVX512 {
+    KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSHalves_AVX512 Sum(const float* rows,
+                                                                               const float* monoLo,
+                                                                               const float* monoHi) {
+        constexpr int Mid = (Lo + Hi) / 2;
+        const ZKSHalves_AVX512 a = LaneTree_AVX512<NV, L, Lo, Mid>::Sum(rows, monoLo, monoHi);
+        const ZKSHalves_AVX512 b = LaneTree_AVX512<NV, L, Mid, Hi>::Sum(rows, monoLo, monoHi);
+        return {_mm512_add_ps(a.lo, b.lo), _mm512_add_ps(a.hi, b.hi)};
+    }
+};
+template <int NV, int L, int I>
+struct LaneTree_AVX512<NV, L, I, I + 1> {
+    KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSHalves_AVX512 Sum(const float* rows,
+                                                                               const float* monoLo,
+                                                                               const float* monoHi) {
+        const float* row = rows + LaneRowOfCorner(4 * I + L, 4 * NV) * kLaneRow;
+        return {_mm512_mul_ps(_mm512_load_ps(row), _mm512_set1_ps(monoLo[4 * I + L])),
+                _mm512_mul_ps(_mm512_load_ps(row + 16), _mm512_set1_ps(monoHi[4 * I + L]))};
+    }
+};
+
+// The 31 sums of one sample of N = log2(4 NV) inks: lo = wavelengths 0-15,
+// hi = 16-30 and 0.0 in lane 15. `laneRows` is 64-byte aligned.
+template <int NV>
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const ZKSSSE_EffectiveRampEntry* lut, const float* laneRows,
+                                                const unsigned char* sample, __m512* lo, __m512* hi) {
+    constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
+    std::uint32_t q = 0;
+    float w[N];
+    for (int k = 0; k < N; ++k) {
+        const ZKSSSE_EffectiveRampEntry& e = lut[256 * k + sample[k]];
+        q += e.cellOffset;
+        w[k] = e.weight;
+    }
+    alignas(64) float mono[NV][4];
+    BuildMonomials_Scalar<NV>(w, mono);
+    const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
+    const float* monoLo = &mono[0][0];
+    const float* monoHi = monoLo;
+    // With 16 monomials the compiler may share each broadcast between the
+    // halves (16 registers); with more, hide that monoHi == monoLo.
+    if (NV > 4) __asm__("" : "+r"(monoHi));
+    const ZKSHalves_AVX512 p0 = LaneTree_AVX512<NV, 0, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p1 = LaneTree_AVX512<NV, 1, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p2 = LaneTree_AVX512<NV, 2, 0, NV>::Sum(rows, monoLo, monoHi);
+    const ZKSHalves_AVX512 p3 = LaneTree_AVX512<NV, 3, 0, NV>::Sum(rows, monoLo, monoHi);
+    *lo = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(p0.lo, p1.lo), p2.lo), p3.lo);
+    *hi = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(p0.hi, p1.hi), p2.hi), p3.hi);
+}
+
+}  // namespace KELMA_NAMESPACE
