@@ -21,7 +21,8 @@ ZKCSeparation_Evaluator::ZKCSeparation_Evaluator(const ZKCSSE_KELMA_Data& model,
     : inks_(model.NumberOfInks()),
       gridPoints_(model.NumberOfGridPoints()),
       corners_(1u << model.NumberOfInks()),
-      n_(model.n()) {
+      n_(model.n()),
+      variant_(ActiveKernelVariant()) {
     // Coefficients per cell corner-major, 32 wavelengths per corner (the
     // last 0): the sums of all wavelengths are then loops over contiguous
     // doubles.
@@ -117,7 +118,7 @@ bool ZKCSeparation_Evaluator::XYZ(const double* x, double* xyz, double* jac) con
         sumF[l] = static_cast<float>(sum[l]);
     }
     sumF[kSpectralValues] = 1.0f;
-    YuleNielsenPower(sumF, static_cast<float>(n_), powerF, kLanes);
+    YuleNielsenPower(variant_, sumF, static_cast<float>(n_), powerF, kLanes);
     alignas(16) double R[kLanes], dRds[kLanes];
     for (unsigned int l = 0; l < kLanes; ++l) {
         R[l] = l < kSpectralValues ? powerF[l] : 0.0;

@@ -36,6 +36,7 @@
 
 #include <vector>
 
+#include "kelma/common/KernelVariant.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 
 namespace KELMA_NAMESPACE {
@@ -65,6 +66,8 @@ private:
     unsigned int gridPoints_;
     unsigned int corners_;
     double n_;
+    // The power's kernel variant, chosen once at construction.
+    KERNEL_VARIANT variant_;
     // Wavelengths per coefficient row: 31 and a 0.
     static constexpr unsigned int kLanes = 32;
     std::vector<float> scheme_;
