@@ -13,8 +13,13 @@ std::atomic<unsigned int> g_cpuCountOverride{0};
 unsigned int CPUCount() {
     unsigned int forced = g_cpuCountOverride.load(std::memory_order_relaxed);
     if (forced != 0) return forced;
-    long online = ::sysconf(_SC_NPROCESSORS_ONLN);
-    return online > 0 ? static_cast<unsigned int>(online) : 1u;
+    // Asked once per process: sysconf reads /sys on every call (about 10 us
+    // here), which small batches would pay every time.
+    static const unsigned int online = [] {
+        const long n = ::sysconf(_SC_NPROCESSORS_ONLN);
+        return n > 0 ? static_cast<unsigned int>(n) : 1u;
+    }();
+    return online;
 }
 
 void SetCPUCountOverride(unsigned int count) {

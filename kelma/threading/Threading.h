@@ -17,7 +17,8 @@
 
 namespace KELMA_NAMESPACE {
 
-// Processors reported by the operating system (online processors), at least 1.
+// Processors reported by the operating system (online processors, asked once
+// per process), at least 1.
 // A host (or a test) may cap it with SetCPUCountOverride; 0 restores the OS value.
 KELMA_API unsigned int CPUCount();
 KELMA_API void SetCPUCountOverride(unsigned int count);
