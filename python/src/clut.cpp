@@ -113,7 +113,7 @@ ModelPtr ClutModel(const ModelPtr& model, const py::object& illuminant) {
                        " illuminants and a CLUT holds one: pass illuminant=0.." + std::to_string(L - 1));
         return model;
     }
-    return WithSingleIlluminant(*model, illuminant.cast<long long>());
+    return WithSingleIlluminant(*model, illuminant);
 }
 
 ClutPtr FromModel(const ModelPtr& model, long long gridPoints, const py::object& illuminant) {

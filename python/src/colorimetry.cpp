@@ -27,19 +27,10 @@ std::unique_ptr<kelma::ZKCIlluminant_Base> NamedIlluminant(const std::string& na
 }
 
 kelma::ZKCObserver MakeObserver(const py::object& observer) {
-    long long type = 2;
-    if (!observer.is_none()) {
-        const py::object integer = py::module_::import("numpy").attr("integer");
-        if (py::isinstance<py::bool_>(observer) ||
-            !(py::isinstance<py::int_>(observer) || py::isinstance(observer, integer)))
-            ThrowType("observer must be an integer, 2 (CIE 1931 2 degree) or 10 (CIE 1964 10 degree)");
-        type = observer.cast<long long>();
-    }
-    const std::string context =
-        "observer must be 2 (CIE 1931 2 degree) or 10 (CIE 1964 10 degree), got " + std::to_string(type);
-    if (type < 0 || type > 0xFFFFFFFFLL) ThrowValue(context);
-    return WithContext(context,
-                       [&] { return kelma::ZKCObserver(static_cast<kelma::OBSERVER_TYPE>(type)); });
+    const char* what = "2 (CIE 1931 2 degree) or 10 (CIE 1964 10 degree)";
+    const long long type = observer.is_none() ? 2 : IntegerArgument(observer, "observer", 2, 10, what);
+    if (type != 2 && type != 10) ThrowValue(std::string("observer must be ") + what + ", got " + std::to_string(type));
+    return kelma::ZKCObserver(static_cast<kelma::OBSERVER_TYPE>(type));
 }
 
 bool IsScalar(const py::handle& h) {
@@ -438,16 +429,11 @@ factor: optional float (L, 3), usually media_relative_factor(media white).
 Returns uint8 (..., L, 3).)doc")
         .def(
             "illuminant",
-            [](const ZKCLighting_Matrix& lm, long long k) {
+            [](const ZKCLighting_Matrix& lm, const py::object& index) {
                 auto out = std::make_shared<ZKCLighting_Matrix>();
-                const std::string context = "illuminant index must be in 0.." +
-                                            std::to_string(static_cast<long long>(lm.IlluminantNumber()) - 1) +
-                                            ", got " + std::to_string(k);
-                if (k < 0) ThrowValue("Invalid IlluminantIndex: " + context);
-                WithContext(context, [&] {
-                    lm.ExtractSingleIlluminant_Lighting_Matrix(*out, static_cast<unsigned long>(k));
-                    return 0;
-                });
+                const long long last = static_cast<long long>(lm.IlluminantNumber()) - 1;
+                const long long k = IntegerArgument(index, "illuminant index", 0, last, "in 0.." + std::to_string(last));
+                lm.ExtractSingleIlluminant_Lighting_Matrix(*out, static_cast<unsigned long>(k));
                 return out;
             },
             py::arg("index"), "The one-illuminant matrix of illuminant `index` (0-based).")

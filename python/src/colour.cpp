@@ -97,21 +97,12 @@ unsigned IlluminantArgument(const ZKCSSE_KELMA_Data& model, const py::object& il
         if (k < 0) ThrowValue("the model has no " + name + " illuminant; its illuminants are " + holds());
         return static_cast<unsigned>(k);
     }
-    if (py::isinstance<py::bool_>(illuminant) ||
-        !(py::isinstance<py::int_>(illuminant) ||
-          py::isinstance(illuminant, py::module_::import("numpy").attr("integer"))))
+    if (!(py::isinstance<py::int_>(illuminant) && !py::isinstance<py::bool_>(illuminant)) &&
+        !py::isinstance(illuminant, py::module_::import("numpy").attr("integer")))
         ThrowType("illuminant must be an index or a name such as 'D65'");
-    const py::object index = py::reinterpret_borrow<py::object>(illuminant);
-    if (index < py::int_(0) || index >= py::int_(count))
-        ThrowValue("illuminant index must be in 0.." + std::to_string(count - 1) + ", got " +
-                   py::str(index).cast<std::string>() + "; the model's illuminants are " + holds());
-    return index.cast<unsigned>();
-}
-
-bool FlagArgument(const py::object& flag, const char* name) {
-    if (!py::isinstance<py::bool_>(flag) && !py::isinstance(flag, py::module_::import("numpy").attr("bool_")))
-        ThrowType(std::string(name) + " must be True or False");
-    return flag.cast<bool>();
+    return static_cast<unsigned>(IntegerArgument(illuminant, "illuminant index", 0, static_cast<long long>(count) - 1,
+                                                 "in 0.." + std::to_string(count - 1) + " (the model's illuminants are " +
+                                                     holds() + ")"));
 }
 
 py::array_t<double> PredictColorimetryPy(const ZKCSSE_KELMA_Data& model, const py::object& inksObj,

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <sstream>
+#include <type_traits>
 
 namespace kelma_py {
 
@@ -21,12 +22,54 @@ std::string ShapeString(const py::array& a) { return ShapeString(Shape(a.shape()
 
 std::string DtypeString(const py::array& a) { return py::str(a.dtype()).cast<std::string>(); }
 
+long long IntegerArgument(const py::handle& obj, const char* name, long long lo, long long hi,
+                          const std::string& what) {
+    const bool integer = (py::isinstance<py::int_>(obj) && !py::isinstance<py::bool_>(obj)) ||
+                         py::isinstance(obj, py::module_::import("numpy").attr("integer"));
+    if (!integer)
+        ThrowType(std::string(name) + " must be an integer (" + what + "), got " +
+                  py::str(py::type::of(obj).attr("__name__")).cast<std::string>());
+    // Python integers have no size limit: compare before narrowing.
+    const py::int_ value(py::reinterpret_borrow<py::object>(obj));
+    if (value < py::int_(lo) || value > py::int_(hi))
+        ThrowValue(std::string(name) + " must be " + what + ", got " + py::str(static_cast<const py::handle&>(value)).cast<std::string>());
+    return value.cast<long long>();
+}
+
+bool FlagArgument(const py::handle& obj, const char* name) {
+    if (!py::isinstance<py::bool_>(obj) && !py::isinstance(obj, py::module_::import("numpy").attr("bool_")))
+        ThrowType(std::string(name) + " must be True or False, got " +
+                  py::str(py::type::of(obj).attr("__name__")).cast<std::string>());
+    return py::reinterpret_borrow<py::object>(obj).cast<bool>();
+}
+
+namespace {
+
+// numpy's conversion of `a` to a C-contiguous array of T. An allocation
+// failure (a batch too large to copy) stays a MemoryError; any other failure
+// becomes `message` as a TypeError. (pybind11's ensure() would swallow the
+// MemoryError and return null.)
+template <class T>
+CArray<T> Contiguous(const py::array& a, const std::string& message) {
+    try {
+        return CArray<T>(a);
+    } catch (py::error_already_set& e) {
+        if (e.matches(PyExc_MemoryError)) throw;
+        ThrowType(message);
+    }
+}
+
+}  // namespace
+
 py::array AsNdarray(const py::handle& obj, const char* name) {
     if (py::isinstance<py::array>(obj)) return py::reinterpret_borrow<py::array>(obj);
     if (obj.is_none()) ThrowType(std::string(name) + " must be an array, got None");
-    py::array a = py::array::ensure(obj);
-    if (!a) ThrowType(std::string(name) + " must be an array (or a nested sequence of numbers)");
-    return a;
+    try {
+        return py::array(py::module_::import("numpy").attr("asarray")(obj));
+    } catch (py::error_already_set& e) {
+        if (e.matches(PyExc_MemoryError)) throw;
+        ThrowType(std::string(name) + " must be an array (or a nested sequence of numbers)");
+    }
 }
 
 namespace {
@@ -43,9 +86,7 @@ CArray<T> AsNumeric(const py::handle& obj, const char* name, unsigned kinds) {
     const char k = a.dtype().kind();
     const bool ok = (k == 'f' && (kinds & kFloat)) || ((k == 'i' || k == 'u') && (kinds & kInteger));
     if (!ok) ThrowType(std::string(name) + " must be " + KindsText(kinds) + ", got dtype " + DtypeString(a));
-    auto c = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(a);
-    if (!c) ThrowType(std::string(name) + ": cannot convert dtype " + DtypeString(a));
-    return c;
+    return Contiguous<T>(a, std::string(name) + ": cannot convert dtype " + DtypeString(a));
 }
 
 template CArray<float> AsNumeric<float>(const py::handle&, const char*, unsigned);
@@ -56,10 +97,13 @@ CArray<T> AsExact(const py::handle& obj, const char* name) {
     py::array a = AsNdarray(obj, name);
     if (!a.dtype().equal(py::dtype::of<T>())) {
         const std::string want = py::str(py::dtype::of<T>()).cast<std::string>();
-        ThrowType(std::string(name) + " must be a " + want + " array, got dtype " + DtypeString(a) +
-                  " (convert with np.asarray(x, dtype=np." + want + ") after checking the range)");
+        std::string hint = std::is_same<T, std::uint8_t>::value
+                               ? " of digital levels 0..255 (ink amounts in percent become levels with "
+                                 "kelma.digital_levels)"
+                               : "";
+        ThrowType(std::string(name) + " must be a " + want + " array" + hint + ", got dtype " + DtypeString(a));
     }
-    return py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(a);
+    return Contiguous<T>(a, std::string(name) + ": cannot make a contiguous copy");
 }
 
 template CArray<std::uint8_t> AsExact<std::uint8_t>(const py::handle&, const char*);

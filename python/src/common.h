@@ -32,6 +32,14 @@ std::string ShapeString(const Shape& shape);
 std::string ShapeString(const py::array& a);
 std::string DtypeString(const py::array& a);
 
+// A whole-number argument (a Python or numpy integer, not a bool) in
+// [lo, hi]: TypeError for another type, ValueError (naming the value, however
+// large) outside the range; `what` completes "name must be ...".
+long long IntegerArgument(const py::handle& obj, const char* name, long long lo, long long hi,
+                          const std::string& what);
+// True or False (Python or numpy bool); anything else is a TypeError.
+bool FlagArgument(const py::handle& obj, const char* name);
+
 // Kinds of numeric input an argument may have ('b' bool, 'i'/'u' integers,
 // 'f' floating); anything else (complex, object, strings) is a TypeError.
 enum NumericKinds : unsigned { kFloat = 1, kInteger = 2 };

@@ -48,8 +48,9 @@ std::shared_ptr<ZKCSSE_KELMA_Data> Build(const py::object& ramps, const CArray<d
 
 std::shared_ptr<ZKCSSE_KELMA_Data> MakeModel(const py::object& grid, const py::object& ramps,
                                              const py::object& scheme, double n, const py::object& illuminants,
-                                             const py::object& observer, bool mediaRelative, std::uint32_t inkSet,
-                                             bool absolute) {
+                                             const py::object& observer, bool mediaRelative,
+                                             const py::object& inkSetObj, bool absolute) {
+    const std::uint32_t inkSet = InkSetArgument(inkSetObj);
     CArray<double> g = AsNumeric<double>(grid, "grid", kFloat | kInteger);
     if (g.ndim() != 2)
         ThrowValue("grid must be 2-D (inks, grid points): one row of levels per ink, got shape " + ShapeString(g));
@@ -113,11 +114,8 @@ unsigned SelectedInks(unsigned N, std::uint32_t code) {
 }  // namespace
 
 std::uint32_t CheckCode(const ZKCSSE_KELMA_Data& model, const py::handle& codeObj, const unsigned* required) {
-    if (!py::isinstance<py::int_>(codeObj) && !py::isinstance(codeObj, py::module_::import("numpy").attr("integer")))
-        ThrowType("an ink-subset code must be an integer bit mask (bit i keeps ink i)");
-    const long long code = codeObj.cast<long long>();
-    if (code < 0 || code > 0xFFFFFFFFLL)
-        ThrowValue("an ink-subset code must be a 32-bit mask 0..0xFFFFFFFF, got " + std::to_string(code));
+    const long long code = IntegerArgument(codeObj, "an ink-subset code", 0, 0xFFFFFFFFLL,
+                                           "a 32-bit mask 0..0xFFFFFFFF (bit i keeps ink i)");
     const unsigned N = model.NumberOfInks();
     const unsigned selected = SelectedInks(N, static_cast<std::uint32_t>(code));
     const bool ok = required != nullptr ? selected == *required : SupportedInks(selected);
@@ -131,16 +129,15 @@ std::uint32_t CheckCode(const ZKCSSE_KELMA_Data& model, const py::handle& codeOb
     return static_cast<std::uint32_t>(code);
 }
 
-ModelPtr WithSingleIlluminant(const ZKCSSE_KELMA_Data& model, long long k) {
-    const long long L = model.Lighting_Matrix().IlluminantNumber();
-    const std::string context =
-        "illuminant index must be in 0.." + std::to_string(L - 1) + ", got " + std::to_string(k);
-    if (k < 0) ThrowValue("Invalid IlluminantIndex: " + context);
+std::uint32_t InkSetArgument(const py::handle& inkSet) {
+    return static_cast<std::uint32_t>(IntegerArgument(inkSet, "ink_set", 0, 0xFFFFFFFFLL, "a 32-bit value 0..0xFFFFFFFF"));
+}
+
+ModelPtr WithSingleIlluminant(const ZKCSSE_KELMA_Data& model, const py::handle& index) {
+    const long long last = static_cast<long long>(model.Lighting_Matrix().IlluminantNumber()) - 1;
+    const long long k = IntegerArgument(index, "illuminant index", 0, last, "in 0.." + std::to_string(last));
     auto copy = std::make_shared<ZKCSSE_KELMA_Data>(model);
-    WithContext(context, [&] {
-        copy->ReduceToSingleIlluminant(static_cast<unsigned long>(k));
-        return 0;
-    });
+    copy->ReduceToSingleIlluminant(static_cast<unsigned long>(k));
     return copy;
 }
 
@@ -175,7 +172,7 @@ media_white_point.
 )doc")
         .def(py::init(&MakeModel), py::arg("grid"), py::arg("ramps"), py::arg("scheme"), py::arg("n"),
              py::arg("illuminants") = "D50", py::arg("observer") = py::none(), py::arg("media_relative") = false,
-             py::arg("ink_set") = 127u, py::arg("absolute_colorimetric") = false)
+             py::arg("ink_set") = 127, py::arg("absolute_colorimetric") = false)
         .def_property_readonly("inks", &ZKCSSE_KELMA_Data::NumberOfInks, "Number of inks N (4, 6 or 7).")
         .def_property_readonly("grid_points", &ZKCSSE_KELMA_Data::NumberOfGridPoints, "Grid points G per ink.")
         .def_property_readonly("n", &ZKCSSE_KELMA_Data::n, "Yule-Nielsen exponent (float32 value).")
@@ -245,7 +242,7 @@ copy), the others held at 0. Sub-model ink j is the j-th kept ink; the code
 must select 4, 6 or 7 inks. Illuminants and flags are kept.)doc")
         .def(
             "single_illuminant",
-            [](const ZKCSSE_KELMA_Data& d, long long k) { return WithSingleIlluminant(d, k); }, py::arg("index"),
+            [](const ZKCSSE_KELMA_Data& d, const py::object& k) { return WithSingleIlluminant(d, k); }, py::arg("index"),
             "A copy holding only illuminant `index` (0-based) in its lighting matrix and media white point.")
         .def(
             "with_media_relative",

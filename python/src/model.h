@@ -15,6 +15,9 @@ using ModelPtr = std::shared_ptr<kelma::ZKCSSE_KELMA_Data>;
 std::uint32_t CheckCode(const kelma::ZKCSSE_KELMA_Data& model, const py::handle& code, const unsigned* required);
 
 // A copy of the model reduced to illuminant k (ValueError when out of range).
-ModelPtr WithSingleIlluminant(const kelma::ZKCSSE_KELMA_Data& model, long long k);
+// An ink_set argument: a 32-bit value carried unchanged.
+std::uint32_t InkSetArgument(const py::handle& inkSet);
+
+ModelPtr WithSingleIlluminant(const kelma::ZKCSSE_KELMA_Data& model, const py::handle& index);
 
 }  // namespace kelma_py

@@ -1,8 +1,10 @@
 // Fitting a model to a measured chart, and the embedded default press model.
 #include <cmath>
+#include <limits>
 #include <memory>
 
 #include "common.h"
+#include "model.h"
 
 namespace kelma_py {
 
@@ -57,7 +59,7 @@ std::shared_ptr<kelma::ZKCSSE_KELMA_Data> ModelOf(const kelma::ZKSPrinterModelAr
 
 BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
                     const py::object& training, double fixedN, bool fitN, double nMin, double nMax,
-                    bool estimateMissing, const py::object& coarse, unsigned maxIterations,
+                    bool estimateMissing, const py::object& coarse, const py::object& maxIterations,
                     const py::object& inkNames, const py::object& fineBase, const py::object& finePrior) {
     kelma::ZKSModelChart chart = ChartArgument(chartObj, inkNames);
     kelma::ZKSModelBuildOptions o;
@@ -79,10 +81,8 @@ BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::
         if (py::isinstance<py::str>(training) || !py::hasattr(training, "__iter__"))
             ThrowType("training_patches must be a sequence of patch indices");
         for (const auto& p : training) {
-            if (!py::isinstance<py::int_>(p) && !py::isinstance(p, py::module_::import("numpy").attr("integer")))
-                ThrowType("training_patches must hold integer patch indices");
-            const long long i = p.cast<long long>();
-            if (i < 0) ThrowValue("training patch indices must be non-negative, got " + std::to_string(i));
+            const long long i = IntegerArgument(p, "a training patch index", 0, std::numeric_limits<long long>::max(),
+                                                "a patch index 0 or more");
             o.trainingPatches.push_back(static_cast<std::size_t>(i));
         }
     }
@@ -97,7 +97,7 @@ BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::
         auto c = AsNumeric<double>(coarse, "coarse_grid_percent", kFloat | kInteger);
         o.coarseGridPercent.assign(c.data(), c.data() + c.size());
     }
-    o.maxIterations = maxIterations;
+    o.maxIterations = static_cast<unsigned>(IntegerArgument(maxIterations, "max_iterations", 1, 100000, "1..100000"));
     BuiltModel result;
     if (py::isinstance<kelma::ZKCMeasurementFile>(chartObj)) {
         const std::string path = chartObj.cast<const kelma::ZKCMeasurementFile&>().Data().file;
@@ -149,12 +149,13 @@ void RegisterModelBuilding(py::module_& m) {
 
     m.def(
         "default_press_model",
-        [](const py::object& illuminants, const py::object& observer, bool mediaRelative, std::uint32_t inkSet,
+        [](const py::object& illuminants, const py::object& observer, bool mediaRelative, const py::object& inkSet,
            bool absolute) {
-            return ModelOf(kelma::DefaultPressModelArrays(), illuminants, observer, mediaRelative, inkSet, absolute);
+            return ModelOf(kelma::DefaultPressModelArrays(), illuminants, observer, mediaRelative,
+                           InkSetArgument(inkSet), absolute);
         },
         py::arg("illuminants") = "D50", py::arg("observer") = py::none(), py::kw_only(),
-        py::arg("media_relative") = false, py::arg("ink_set") = std::uint32_t(kelma::INK_SET_CMYK),
+        py::arg("media_relative") = false, py::arg("ink_set") = static_cast<int>(kelma::INK_SET_CMYK),
         py::arg("absolute_colorimetric") = false,
         R"doc(The embedded default press model: sheet-fed offset CMYK (4 inks, 3 grid
 points) fitted to the APTEC PC10 chart, as a kelma.Model under the given
@@ -187,11 +188,11 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
         .def(
             "model",
             [](const BuiltModel& b, const py::object& illuminants, const py::object& observer, bool mediaRelative,
-               std::uint32_t inkSet, bool absolute) {
-                return ModelOf(b.model, illuminants, observer, mediaRelative, inkSet, absolute);
+               const py::object& inkSet, bool absolute) {
+                return ModelOf(b.model, illuminants, observer, mediaRelative, InkSetArgument(inkSet), absolute);
             },
             py::arg("illuminants") = "D50", py::arg("observer") = py::none(), py::kw_only(),
-            py::arg("media_relative") = false, py::arg("ink_set") = 127u, py::arg("absolute_colorimetric") = false,
+            py::arg("media_relative") = false, py::arg("ink_set") = 127, py::arg("absolute_colorimetric") = false,
             "The fitted model as a kelma.Model (from its float arrays) under the given illuminants.")
         .def_property_readonly("chart", [](const BuiltModel& b) { return b.chart; },
                                "File name of the chart it was fitted to ('' for a chart given as arrays).")
@@ -218,7 +219,7 @@ training patch count and CIEDE2000. chart and ink_names default to the chart's.)
           py::arg("method") = "refined", py::arg("training_patches") = py::none(), py::arg("fixed_n") = 0.0,
           py::arg("fit_n") = true, py::arg("n_min") = 1.0, py::arg("n_max") = 10.0,
           py::arg("estimate_missing_nodes") = false, py::arg("coarse_grid_percent") = py::none(),
-          py::arg("max_iterations") = 100u, py::arg("ink_names") = py::none(),
+          py::arg("max_iterations") = 100, py::arg("ink_names") = py::none(),
           py::arg("fine_base_grid_percent") = py::none(), py::arg("fine_prior") = "auto",
           R"doc(Fits a cellular Yule-Nielsen modified spectral Neugebauer model to a chart.
 

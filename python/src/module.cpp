@@ -42,11 +42,9 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
           "Worker threads the library starts per computation: the processors online, or the override.");
     m.def(
         "set_cpu_count_override",
-        [](long long count) {
-            if (count < 0 || count > 1024)
-                kelma_py::ThrowValue("the thread count override must be 0 (use the processor count) .. 1024, got " +
-                                     std::to_string(count));
-            kelma::SetCPUCountOverride(static_cast<unsigned>(count));
+        [](const py::object& count) {
+            kelma::SetCPUCountOverride(static_cast<unsigned>(kelma_py::IntegerArgument(
+                count, "the thread count override", 0, 1024, "0 (use the processor count) .. 1024")));
         },
         py::arg("count"),
         R"doc(Caps (or raises) the number of worker threads of every later computation;

@@ -117,13 +117,10 @@ py::array_t<std::uint8_t> PredictColorsPy(const ModelPtr& model, const py::objec
 
     ModelPtr use = model;
     if (!illuminant.is_none()) {
-        if (!py::isinstance<py::int_>(illuminant) &&
-            !py::isinstance(illuminant, py::module_::import("numpy").attr("integer")))
-            ThrowType("illuminant must be None (all illuminants) or an integer index");
-        use = WithSingleIlluminant(*model, illuminant.cast<long long>());
+        use = WithSingleIlluminant(*model, illuminant);
     }
     if (!mediaRelative.is_none()) {
-        const bool flag = mediaRelative.cast<bool>();
+        const bool flag = FlagArgument(mediaRelative, "media_relative");
         if (flag != use->IsMediaRelative()) {
             if (use == model) use = std::make_shared<ZKCSSE_KELMA_Data>(*model);
             use->SetIsMediaRelative(flag);

@@ -25,16 +25,8 @@ using SeparationPtr = std::shared_ptr<Separation>;
 
 // A whole number in [lo, hi] (a Python or numpy integer, not a bool).
 unsigned long WholeNumber(const py::handle& obj, const char* name, long long lo, long long hi, const char* unit) {
-    const bool integer = (py::isinstance<py::int_>(obj) && !py::isinstance<py::bool_>(obj)) ||
-                         py::isinstance(obj, py::module_::import("numpy").attr("integer"));
-    if (!integer) ThrowType(std::string(name) + " must be a whole number of " + unit);
-    const long long v = obj.cast<long long>();
-    if (v < lo || v > hi) {
-        std::ostringstream s;
-        s << name << " must be " << lo << ".." << hi << " (" << unit << "), got " << v;
-        ThrowValue(s.str());
-    }
-    return static_cast<unsigned long>(v);
+    return static_cast<unsigned long>(
+        IntegerArgument(obj, name, lo, hi, std::to_string(lo) + ".." + std::to_string(hi) + " (" + unit + ")"));
 }
 
 SeparationPtr MakeSeparation(const ModelPtr& model, const py::object& totalCoverage, const py::object& maxBlack,

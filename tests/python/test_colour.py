@@ -88,7 +88,7 @@ class TestPredictedColorimetry:
     @pytest.mark.parametrize("kwargs, error, match", [
         (dict(illuminant="F11"), ValueError, r"has no F11 illuminant; its illuminants are 0 \(D50\), 1 \(D65\), 2 \(A\)"),
         (dict(illuminant="D70"), ValueError, "not a standard illuminant"),
-        (dict(illuminant=3), ValueError, r"illuminant index must be in 0\.\.2, got 3"),
+        (dict(illuminant=3), ValueError, r"illuminant index must be in 0\.\.2 .*, got 3"),
         (dict(illuminant=-1), ValueError, "got -1"),
         (dict(illuminant=2 ** 70), ValueError, "got 1180591620717411303424"),
         (dict(illuminant=True), TypeError, "index or a name"),

@@ -58,7 +58,7 @@ class TestModelArguments:
         (lambda r: dict(illuminants=[]), ValueError, "illuminants is empty"),
         (lambda r: dict(illuminants=["D50", "nope"]), ValueError, "unknown illuminant"),
         (lambda r: dict(illuminants=None), TypeError, "illuminants must be an array"),
-        (lambda r: dict(observer=5), ValueError, r"observer must be 2 .* or 10 .*, got 5: .*\(library error \"DefaultCase\"\)"),
+        (lambda r: dict(observer=5), ValueError, r"observer must be 2 .* or 10 .*, got 5"),
         (lambda r: dict(observer=-2), ValueError, "observer must be 2"),
         (lambda r: dict(observer="2"), TypeError, "observer must be an integer"),
         (lambda r: dict(illuminants=kelma.LightingMatrix("A"), observer=2), ValueError, "already folds"),
@@ -86,19 +86,23 @@ class TestModelArguments:
     def test_sub_model_of_five_inks_is_refused(self, ref7):
         with pytest.raises(ValueError, match="selects 5 of the model's 7 inks; 4, 6 or 7"):
             build(ref7).sub_model(0x1F)
-        with pytest.raises(TypeError, match="integer bit mask"):
+        with pytest.raises(TypeError, match="an ink-subset code must be an integer"):
             build(ref7).sub_model("0x0F")
 
     def test_bad_illuminant_index(self, model4):
-        with pytest.raises(ValueError, match="illuminant index must be in 0..0, got 1: .*Invalid IlluminantIndex"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..0, got 1"):
             model4.single_illuminant(1)
-        with pytest.raises(ValueError, match="Invalid IlluminantIndex"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..0, got -1"):
             model4.single_illuminant(-1)
+        with pytest.raises(ValueError, match="got 1180591620717411303424"):
+            model4.single_illuminant(2 ** 70)
+        with pytest.raises(TypeError, match="illuminant index must be an integer"):
+            model4.single_illuminant(True)
 
 
 class TestPredictionArguments:
     @pytest.mark.parametrize("inks,error,match", [
-        (np.zeros((5, 4), np.int64), TypeError, "inks must be a uint8 array, got dtype int64"),
+        (np.zeros((5, 4), np.int64), TypeError, "inks must be a uint8 array of digital levels 0..255 .*kelma.digital_levels.*got dtype int64"),
         (np.zeros((5, 4), np.float32), TypeError, "uint8"),
         ([[0, 0, 0, 0]], TypeError, "uint8"),
         (np.zeros((5, 3), np.uint8), ValueError, r"4 values \(one byte 0..255 per ink\).*got shape \(5, 3\)"),
@@ -132,9 +136,9 @@ class TestPredictionArguments:
         inks = np.zeros((2, 4), np.uint8)
         with pytest.raises(ValueError, match="'lab2000hl' or 'cielab', got 'xyz'"):
             kelma.predict_colors(model4, inks, encoding="xyz")
-        with pytest.raises(ValueError, match="got 2: .*Invalid IlluminantIndex"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..0, got 2"):
             kelma.predict_colors(model4, inks, illuminant=2)
-        with pytest.raises(TypeError, match="illuminant must be None"):
+        with pytest.raises(TypeError, match="illuminant index must be an integer"):
             kelma.predict_colors(model4, inks, illuminant="0")
         with pytest.raises(TypeError):
             kelma.predict_spectra("model", inks)
@@ -161,7 +165,7 @@ class TestColorimetryArguments:
             lm.media_relative_factor(np.zeros((2, 3)))
         with pytest.raises(TypeError, match="uint8 or uint16"):
             lm.media_relative_lab2000hl_bytes(np.zeros((1, 2, 3)))
-        with pytest.raises(ValueError, match="illuminant index must be in 0..1, got 2: .*Invalid IlluminantIndex"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..1, got 2"):
             lm.illuminant(2)
         with pytest.raises(ValueError, match=r"weights must have shape \(illuminants, 3, 31\)"):
             kelma.LightingMatrix.from_weights(np.zeros((3, 31)))
@@ -169,7 +173,7 @@ class TestColorimetryArguments:
             kelma.LightingMatrix.from_weights(np.full((1, 3, 31), np.inf))
         with pytest.raises(ValueError, match="unknown illuminant"):
             kelma.illuminant("D75")
-        with pytest.raises(ValueError, match="DefaultCase"):
+        with pytest.raises(ValueError, match="observer must be 2 .* or 10 .*, got 4"):
             kelma.observer(4)
 
     def test_bad_lab_inputs(self):
@@ -232,7 +236,7 @@ class TestClutArguments:
             kelma.Clut.from_model(model4, 257)
         with pytest.raises(MemoryError, match="use fewer grid points"):
             kelma.Clut.from_model(model4, 250)
-        with pytest.raises(ValueError, match="Invalid IlluminantIndex"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..0, got 1"):
             kelma.Clut.from_model(model4, 3, illuminant=1)
 
     def test_bad_pixels(self):
