@@ -168,11 +168,11 @@ void BM_Kelma(benchmark::State& state) {
     if (inputs == 4) {
         kelma::ZKCWorkerCLUT_4x3 w(nodes.data(), kelma::CLUT_ACCURACY_17);
         w.SetBuffers(px.data(), reference.data(), kPixels);
-        w.InterpolateWith(kelma::ZKEClutKernel::Reference);
+        w.InterpolateWith(kelma::KERNEL_REFERENCE);
     } else {
         kelma::ZKCWorkerCLUT_3x3 w(nodes.data(), kelma::CLUT_ACCURACY_17);
         w.SetBuffers(px.data(), reference.data(), kPixels);
-        w.InterpolateWith(kelma::ZKEClutKernel::Reference);
+        w.InterpolateWith(kelma::KERNEL_REFERENCE);
     }
     driver.Init(px.data(), out.data(), kPixels);
     driver.Calculate();
@@ -215,14 +215,15 @@ void BM_LittleCMS(benchmark::State& state) {
     state.SetLabel(Label(inputs, kind, threads));
 }
 
-// Single-thread kernels on one worker: reference loop, SSSE3 and AVX2 (where present).
-// Args: inputs, kernel, pixel kind.
+// Single-thread kernels on one worker, by dispatch variant: reference loop,
+// SSSE3, AVX2, AVX-512 (where the processor runs them; SSE2 runs the
+// reference loop and is left out). Args: inputs, variant, pixel kind.
 void BM_Kernel(benchmark::State& state) {
     const unsigned inputs = static_cast<unsigned>(state.range(0));
-    const auto kernel = static_cast<kelma::ZKEClutKernel>(state.range(1));
+    const auto variant = static_cast<kelma::KERNEL_VARIANT>(state.range(1));
     const PixelKind kind = static_cast<PixelKind>(state.range(2));
-    if (!kelma::ClutKernelSupported(kernel)) {
-        state.SkipWithError("kernel not supported here");
+    if (!kelma::KernelVariantSupported(variant)) {
+        state.SkipWithError("variant not supported by this processor");
         return;
     }
     const std::vector<std::uint8_t> nodes = inputs == 4 ? CmykNodes() : RgbNodes();
@@ -235,13 +236,12 @@ void BM_Kernel(benchmark::State& state) {
         w = std::make_unique<kelma::ZKCWorkerCLUT_3x3>(nodes.data(), kelma::CLUT_ACCURACY_17);
     w->SetBuffers(px.data(), out.data(), kPixels);
     for (auto _ : state) {
-        w->InterpolateWith(kernel);
+        w->InterpolateWith(variant);
         benchmark::ClobberMemory();
     }
-    const char* names[] = {"reference", "SSSE3", "AVX2"};
     state.SetItemsProcessed(state.iterations() * kPixels);
     state.SetLabel(std::string(inputs == 4 ? "CMYK" : "RGB") + (kind == kRandom ? " random, " : " image, ") +
-                   names[state.range(1)]);
+                   kelma::KernelVariantName(kelma::ClutKernelVariant(variant)));
 }
 
 void Cases(benchmark::internal::Benchmark* b) {
@@ -254,7 +254,9 @@ void Cases(benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_Kelma)->Apply(Cases);
 BENCHMARK(BM_LittleCMS)->Apply(Cases);
 BENCHMARK(BM_Kernel)
-    ->ArgsProduct({{4, 3}, {0, 1, 2}, {kRandom, kImage}})
+    ->ArgsProduct({{4, 3},
+                   {kelma::KERNEL_REFERENCE, kelma::KERNEL_SSSE3, kelma::KERNEL_AVX2, kelma::KERNEL_AVX512},
+                   {kRandom, kImage}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
