@@ -14,8 +14,6 @@ namespace {
 
 constexpr unsigned kValues = kelma::kSpectralValues;
 constexpr unsigned kStride = kelma::kSpectrumStride;
-// The spline worker inverts a dense system of order 4 (n - 1) per processor.
-constexpr std::size_t kMaxSplineKnots = 1024;
 
 kelma::SPECTRALSAMPLING_METHOD Method(const std::string& name) {
     std::string m = name;
@@ -71,9 +69,6 @@ py::array_t<float> Resample(const py::object& spectraObj, const py::object& wave
             s << "wavelengths must be strictly ascending, got " << w[i - 1] << " then " << w[i] << " at index " << i;
             ThrowValue(s.str());
         }
-    if (method == kelma::SPECTRALSAMPLING_CUBICSPLINE && n > kMaxSplineKnots)
-        ThrowValue("the spline takes at most " + std::to_string(kMaxSplineKnots) + " wavelengths, got " +
-                   std::to_string(n) + " (use method='linear' or thin the list)");
     auto spectra = AsNumeric<float>(spectraObj, "spectra", kFloat | kInteger);
     Shape shape;
     const std::size_t count =
