@@ -2,9 +2,14 @@
 // pixels and the same 17-point node tables (CMYK -> 3 on 17^4 nodes, RGB -> 3
 // on 17^3 nodes), on one thread and on all processors, random pixels (cache
 // hostile) and a smooth image with noise. Prints pixels per second and, at
-// the end, the kelma / Little CMS ratio per case (medians when repeated).
+// the end, the kelma / Little CMS ratio per case (medians when repeated) and
+// kelma's speed-up from one thread to all.
 //
-//   build-clut/bench/bench_clut --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+//   build/bench/bench_clut --benchmark_filter='BM_Kelma|BM_LittleCMS' --benchmark_repetitions=9
+//       --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
+//
+// On a shared machine, random interleaving spreads both peers' repetitions
+// over the same stretch of time, so their medians see the same load.
 //
 // Little CMS is a peer only: a device link holding one CLUT stage filled from
 // the same nodes (8-bit node v as 16-bit v * 257), transformed with
@@ -288,6 +293,15 @@ public:
             if (k == rates_["BM_Kelma"].end()) continue;
             std::printf("%-36s %13.1fM %13.1fM %7.2fx\n", labels_["BM_Kelma" + key].c_str(), k->second / 1e6,
                         lcms / 1e6, k->second / lcms);
+        }
+        // Args "inputs/kind/all": all processors against one.
+        std::printf("\n%-36s %8s\n", "kelma, all threads / one thread", "speed-up");
+        const auto& kelma = rates_["BM_Kelma"];
+        for (const auto& [key, rate] : kelma) {
+            if (key.size() < 2 || key.compare(key.size() - 2, 2, "/1") != 0) continue;
+            auto one = kelma.find(key.substr(0, key.size() - 2) + "/0");
+            if (one == kelma.end()) continue;
+            std::printf("%-36s %7.2fx\n", labels_["BM_Kelma" + key].c_str(), rate / one->second);
         }
     }
 

@@ -11,7 +11,8 @@
 //   cell = stride0[e0 >> 5] + stride1[e1 >> 5] + (e2 >> 5)
 //   acc_j = sum over corners k of w_k * block[k m + j]   (block = cells + cell 8 m,
 //                                                          corner-major)
-//   out_j = outputMap[j][acc_j >> 15]
+//   out_j = outputMap[j][acc_j >> 15]   (identity in every worker; the AVX2
+//                                        kernels then store acc_j >> 15 itself)
 // Four inputs: w_k = W[f0 32768 + f1 1024 + f2 32 + f3][k] (the shared
 // four-input table, 16 weights summing to 2^20), cell = three strides +
 // (e3 >> 5), block = cells + cell 16 m, shift 20. acc_j <= 255 * 32^d, so the
@@ -48,6 +49,9 @@ struct ZKSClutTables3 {
     const std::uint32_t* weights;        // ZKCClutWeightTable::Rows(), 32769 rows of 8
     const ClutPairWeight* pairs;         // ZKCClutWeightTable::Pairs()
     const ClutPairWeight* axis;          // ZKCClutWeightTable::AxisFactors()
+    // True when every used output map is the identity (IdentityOutputMap):
+    // kernels may then store the indices acc_j >> 15 as the bytes.
+    bool identityOutput;
 };
 
 // Bytes readable past the end of a node array given to the node-major
@@ -70,6 +74,7 @@ struct ZKSClutTables4 {
     // Byte offset from node c to corner k = b0 + 2 b1 + 4 b2 (b3 = 0):
     // 3 (b0 n^3 + b1 n^2 + b2 n); corner k + 8 follows 3 bytes later.
     std::uint32_t cornerOffset[8];
+    bool identityOutput;  // as in ZKSClutTables3
 };
 
 // The kernel that serves a dispatch variant: the reference loop for

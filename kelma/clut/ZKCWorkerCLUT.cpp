@@ -13,6 +13,14 @@ std::uint32_t CheckedGridPoints(CLUT_ACCURACY accuracy) {
     return n;
 }
 
+// True when the first m maps are IdentityOutputMap().
+bool IdentityMaps(const std::vector<std::vector<OutputMapEntry>>& maps, unsigned m) {
+    const std::vector<OutputMapEntry> identity = IdentityOutputMap();
+    for (unsigned j = 0; j < m; ++j)
+        if (maps[j] != identity) return false;
+    return true;
+}
+
 // Entry g = g * step.
 std::vector<std::uint32_t> Strides(std::uint32_t n, std::uint32_t step) {
     std::vector<std::uint32_t> s(n);
@@ -50,6 +58,7 @@ ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(CLUT_ACCURACY accuracy, unsigned outputs)
       stride1_(Strides(gridPoints_, gridPoints_)),
       inputMaps_(3, StandardInputMap(gridPoints_)),
       outputMaps_(outputs, IdentityOutputMap()),
+      identityOutput_(IdentityMaps(outputMaps_, outputs)),
       weights_(AcquireClutWeightTable(3)) {}
 
 ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(const ZKCWorkerCLUT_3xn& other) = default;
@@ -77,6 +86,7 @@ ZKSClutTables3 ZKCWorkerCLUT_3xn::Tables() const {
     t.weights = weights_->Rows();
     t.pairs = weights_->Pairs();
     t.axis = weights_->AxisFactors();
+    t.identityOutput = identityOutput_;
     return t;
 }
 
@@ -98,6 +108,7 @@ ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs)
       stride2_(Strides(gridPoints_, gridPoints_)),
       inputMaps_(4, StandardInputMap(gridPoints_)),
       outputMaps_(outputs, IdentityOutputMap()),
+      identityOutput_(IdentityMaps(outputMaps_, outputs)),
       weights_(AcquireClutWeightTable(4)) {}
 
 ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(const ZKCWorkerCLUT_4xn& other) = default;
@@ -131,6 +142,7 @@ ZKSClutTables4 ZKCWorkerCLUT_4xn::Tables() const {
     for (unsigned k = 0; k < 8; ++k)
         t.cornerOffset[k] = outputs_ * ((k & 1u ? stride0_[1] : 0u) + (k & 2u ? stride1_[1] : 0u) +
                                         (k & 4u ? stride2_[1] : 0u));
+    t.identityOutput = identityOutput_;
     return t;
 }
 

@@ -126,6 +126,7 @@ private:
     std::vector<std::uint32_t> stride1_;  // g n
     std::vector<std::vector<InputMapEntry>> inputMaps_;
     std::vector<std::vector<OutputMapEntry>> outputMaps_;
+    bool identityOutput_;  // outputMaps_ are IdentityOutputMap() (always, today)
     std::shared_ptr<const AlignedBuffer<std::uint8_t>> cells_;  // n^3 blocks of 8 m bytes
     std::shared_ptr<const ZKCClutWeightTable> weights_;         // AcquireClutWeightTable(3)
     // Counts the live workers; the last member, so a constructor that throws has not counted.
@@ -174,6 +175,7 @@ private:
     std::vector<std::uint32_t> stride2_;  // g n
     std::vector<std::vector<InputMapEntry>> inputMaps_;
     std::vector<std::vector<OutputMapEntry>> outputMaps_;
+    bool identityOutput_;
     std::shared_ptr<const AlignedBuffer<std::uint8_t>> cells_;  // n^4 blocks of 16 m bytes
     std::shared_ptr<const AlignedBuffer<std::uint8_t>> nodes_;  // node array + kClutNodeSlack zero bytes
     std::shared_ptr<const ZKCClutWeightTable> weights_;         // AcquireClutWeightTable(4)
