@@ -1,6 +1,7 @@
 // The per-pixel interpolation loops of the CLUT workers: a plain reference loop
 // (ClutKernel_Reference.cpp) and optimised twins (ClutKernel_SSSE3.cpp,
-// ClutKernel_AVX2.cpp, ClutKernel_AVX512.cpp). All arithmetic is unsigned
+// ClutKernel_AVX2.cpp; the AVX-512 variant runs the AVX2 kernels, see
+// ClutKernel.cpp). All arithmetic is unsigned
 // 32-bit integer and exact, so every kernel gives the same bytes as the
 // reference loop.
 //
@@ -24,8 +25,8 @@
 //   W[r][k] = P[f0 32 + f1][k & 3] * A[f2][k >> 2]          (three inputs)
 //   W[r][k] = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2]  (four inputs, SSSE3)
 //   W[r][k] = P[f0 32 + f1][k & 3] * A[f2][(k >> 2) & 1] * {32 - f3, f3}[k >> 3]
-//                                                           (four inputs, AVX2 / AVX-512)
-// The AVX2 and AVX-512 four-input kernels read the node array itself (3 bytes
+//                                                           (four inputs, AVX2)
+// The AVX2 four-input kernel reads the node array itself (3 bytes
 // per node, 17^4 nodes: 245 KiB, which stays in a core's second-level cache)
 // instead of the corner-major blocks (48 bytes per node: 3.8 MiB): corner k is
 // node cell + offset(k), and the two corners that differ in axis 3 only are
@@ -79,7 +80,7 @@ struct ZKSClutTables4 {
 
 // The kernel that serves a dispatch variant: the reference loop for
 // KERNEL_REFERENCE and KERNEL_SSE2 (the SSE2 baseline has no byte shuffle to
-// read the blocks), then SSSE3, AVX2 and AVX-512 each with its own kernel.
+// read the blocks), SSSE3, and AVX2 for both KERNEL_AVX2 and KERNEL_AVX512.
 KERNEL_VARIANT ClutKernelVariant(KERNEL_VARIANT variant);
 
 // count pixels of 3 bytes in, m bytes out; m is 3, 4 or 7 (others throw
