@@ -9,7 +9,10 @@
 //       --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
 //
 // On a shared machine, random interleaving spreads both peers' repetitions
-// over the same stretch of time, so their medians see the same load.
+// over the same stretch of time, so their medians see the same load, and the
+// one-thread cases are also timed by the process's CPU time ("CPU time"),
+// which other processes do not inflate. The thread speed-up needs an
+// otherwise idle machine.
 //
 // Little CMS is a peer only: a device link holding one CLUT stage filled from
 // the same nodes (8-bit node v as 16-bit v * 257), transformed with
@@ -19,6 +22,8 @@
 // single byte differs.
 #include <benchmark/benchmark.h>
 #include <lcms2.h>
+
+#include <time.h>
 
 #include <cmath>
 #include <cstdio>
@@ -149,13 +154,38 @@ void RunLcms(const LcmsLink& link, unsigned inputs, const std::vector<std::uint8
 
 // ---------------------------------------------------------------------------
 
+// Args: inputs, pixel kind, all processors (else one thread), clock (0: wall
+// time, 1: the process's CPU time, one thread only).
 unsigned ThreadsOf(const benchmark::State& state) {
     return state.range(2) != 0 ? kelma::CPUCount() : 1u;
 }
 
-std::string Label(unsigned inputs, PixelKind kind, unsigned threads) {
-    return std::string(inputs == 4 ? "CMYK 17^4" : "RGB 17^3") + (kind == kRandom ? ", random" : ", image") +
-           ", " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+std::string Label(const benchmark::State& state) {
+    const unsigned threads = ThreadsOf(state);
+    return std::string(state.range(0) == 4 ? "CMYK 17^4" : "RGB 17^3") +
+           (state.range(1) == kRandom ? ", random" : ", image") + ", " + std::to_string(threads) +
+           (threads == 1 ? " thread" : " threads") + (state.range(3) != 0 ? ", CPU time" : "");
+}
+
+// Times each iteration by the wall clock or, on a machine shared with other
+// work, by the CPU time of the whole process (all its threads), which other
+// processes' load does not inflate: a per-core rate for one thread.
+template <class F>
+void TimeIterations(benchmark::State& state, F&& run) {
+    const bool cpu = state.range(3) != 0;
+    auto now = [cpu] {
+        timespec t{};
+        clock_gettime(cpu ? CLOCK_PROCESS_CPUTIME_ID : CLOCK_MONOTONIC, &t);
+        return t.tv_sec + 1e-9 * t.tv_nsec;
+    };
+    for (auto _ : state) {
+        const double start = now();
+        run();
+        benchmark::ClobberMemory();
+        state.SetIterationTime(now() - start);
+    }
+    state.SetItemsProcessed(state.iterations() * kPixels);
+    state.SetLabel(Label(state));
 }
 
 void BM_Kelma(benchmark::State& state) {
@@ -185,13 +215,10 @@ void BM_Kelma(benchmark::State& state) {
         state.SkipWithError("driver differs from the reference loop");
         return;
     }
-    for (auto _ : state) {
+    TimeIterations(state, [&] {
         driver.Init(px.data(), out.data(), kPixels);
         driver.Calculate();
-        benchmark::ClobberMemory();
-    }
-    state.SetItemsProcessed(state.iterations() * kPixels);
-    state.SetLabel(Label(inputs, kind, threads));
+    });
 }
 
 void BM_LittleCMS(benchmark::State& state) {
@@ -204,10 +231,7 @@ void BM_LittleCMS(benchmark::State& state) {
     LcmsLink link(nodes, inputs);
     kelma::ZKCWorkerThreads pool(threads);
     std::vector<LcmsSlice> slices;
-    for (auto _ : state) {
-        RunLcms(link, inputs, px, out, threads, pool, slices);
-        benchmark::ClobberMemory();
-    }
+    TimeIterations(state, [&] { RunLcms(link, inputs, px, out, threads, pool, slices); });
     // How far the two interpolations drift apart on these pixels (information only).
     std::vector<std::uint8_t> ours(kPixels * 3);
     kelma::ZKCWorkerCLUT_Thread driver(nodes.data(), inputs, 3, kelma::CLUT_ACCURACY_17, false);
@@ -216,8 +240,6 @@ void BM_LittleCMS(benchmark::State& state) {
     int worst = 0;
     for (std::size_t i = 0; i < out.size(); ++i) worst = std::max(worst, std::abs(int(out[i]) - int(ours[i])));
     state.counters["max_diff_vs_kelma"] = worst;
-    state.SetItemsProcessed(state.iterations() * kPixels);
-    state.SetLabel(Label(inputs, kind, threads));
 }
 
 // Single-thread kernels on one worker, by dispatch variant: reference loop,
@@ -251,9 +273,12 @@ void BM_Kernel(benchmark::State& state) {
 
 void Cases(benchmark::internal::Benchmark* b) {
     for (int inputs : {4, 3})
-        for (int kind : {kRandom, kImage})
-            for (int all : {0, 1}) b->Args({inputs, kind, all});
-    b->Unit(benchmark::kMillisecond)->UseRealTime();
+        for (int kind : {kRandom, kImage}) {
+            b->Args({inputs, kind, 0, 0});
+            b->Args({inputs, kind, 1, 0});
+            b->Args({inputs, kind, 0, 1});
+        }
+    b->Unit(benchmark::kMillisecond)->UseManualTime();
 }
 
 BENCHMARK(BM_Kelma)->Apply(Cases);
@@ -294,12 +319,12 @@ public:
             std::printf("%-36s %13.1fM %13.1fM %7.2fx\n", labels_["BM_Kelma" + key].c_str(), k->second / 1e6,
                         lcms / 1e6, k->second / lcms);
         }
-        // Args "inputs/kind/all": all processors against one.
+        // Args "inputs/kind/all/clock": all processors against one, wall time.
         std::printf("\n%-36s %8s\n", "kelma, all threads / one thread", "speed-up");
         const auto& kelma = rates_["BM_Kelma"];
         for (const auto& [key, rate] : kelma) {
-            if (key.size() < 2 || key.compare(key.size() - 2, 2, "/1") != 0) continue;
-            auto one = kelma.find(key.substr(0, key.size() - 2) + "/0");
+            if (key.size() < 4 || key.compare(key.size() - 4, 4, "/1/0") != 0) continue;
+            auto one = kelma.find(key.substr(0, key.size() - 4) + "/0/0");
             if (one == kelma.end()) continue;
             std::printf("%-36s %7.2fx\n", labels_["BM_Kelma" + key].c_str(), rate / one->second);
         }
