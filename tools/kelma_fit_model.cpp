@@ -84,7 +84,7 @@ double Seconds(std::chrono::steady_clock::time_point since) {
 const char* MethodName(MODELFIT_METHOD m) { return m == MODELFIT_REFINED ? "refined" : "classic"; }
 
 void PrintStatistics(const char* label, const std::vector<double>& deltaE) {
-    const ZKSDeltaEStatistics s = DeltaEStatistics(deltaE);
+    const ZKSStatistics s = Summarize(deltaE);
     std::printf("    %-6s %4zu patches  mean %.3f  p95 %.3f  max %.3f\n", label, s.count, s.mean, s.p95, s.max);
 }
 

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "kelma/colorimetry/CIELAB.h"
 #include "kelma/colorimetry/SpectralDot_SSE.h"
 #include "kelma/colorimetry/ZKCWhitePoint.h"
 #include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
@@ -11,24 +12,23 @@ namespace KELMA_NAMESPACE {
 
 namespace {
 
-constexpr double kSixteenOver116 = 0.13793103448275862;
-
-// Inverse of the CIELAB companding with the rounded thresholds 7.9996 (L*)
-// and 0.2069 (f), as the media-relative encodings define it.
+// Inverse of the CIELAB companding with the encodings' rounded thresholds
+// (kCIELABEncodingLInverseThreshold for L*, kCIELABEncodingFInverseThreshold
+// for f), as the media-relative decoding defines it.
 void InverseCIELAB(double L, double a, double b, double xyz[3]) {
     double fy, Y;
-    if (L > 7.9996) {
+    if (L > kCIELABEncodingLInverseThreshold) {
         fy = (L + 16.0) / 116.0;
         Y = fy * fy * fy;
     } else {
-        Y = L / 903.3;
-        fy = 7.787 * Y + kSixteenOver116;
+        Y = L / kCIELABEncodingKappa;
+        fy = kCIELABEncodingSlope * Y + kSixteenOver116;
     }
     double fx = a / 500.0 + fy;
     double fz = fy - b / 200.0;
-    xyz[0] = fx > 0.2069 ? fx * fx * fx : (fx - kSixteenOver116) / 7.787;
+    xyz[0] = fx > kCIELABEncodingFInverseThreshold ? fx * fx * fx : (fx - kSixteenOver116) / kCIELABEncodingSlope;
     xyz[1] = Y;
-    xyz[2] = fz > 0.2069 ? fz * fz * fz : (fz - kSixteenOver116) / 7.787;
+    xyz[2] = fz > kCIELABEncodingFInverseThreshold ? fz * fz * fz : (fz - kSixteenOver116) / kCIELABEncodingSlope;
 }
 
 }  // namespace
@@ -133,9 +133,9 @@ void ZKCLighting_Matrix::XYZ2CIELAB(double* lab, const float* xyz, const std::ve
     for (int c = 0; c < 3; ++c) {
         double t = static_cast<double>(xyz[c]) * inverseWhite[index + c];
         if (c == 1) tY = t;
-        f[c] = t > 0.008856 ? std::pow(t, 0.3333333333333333) : 7.787 * t + kSixteenOver116;
+        f[c] = t > kCIELABEncodingEpsilon ? std::pow(t, 0.3333333333333333) : kCIELABEncodingSlope * t + kSixteenOver116;
     }
-    lab[0] = tY > 0.008856 ? 116.0 * f[1] - 16.0 : 903.3 * tY;
+    lab[0] = tY > kCIELABEncodingEpsilon ? 116.0 * f[1] - 16.0 : kCIELABEncodingKappa * tY;
     lab[1] = 500.0 * (f[0] - f[1]);
     lab[2] = 200.0 * (f[1] - f[2]);
 }
@@ -150,9 +150,9 @@ void ZKCLighting_Matrix::CalculateCIELAB(unsigned char* out, float* xyz, unsigne
             double lab[3];
             XYZ2CIELAB(lab, xyz, inverseWhite, 3 * j);
             if (cielabBytes) {
-                out[0] = EncodeCIELABByte(2.55 * lab[0]);
-                out[1] = EncodeCIELABByte(lab[1] + 128.0);
-                out[2] = EncodeCIELABByte(lab[2] + 128.0);
+                out[0] = EncodeCIELABByte(kCIELABByteScaleL * lab[0]);
+                out[1] = EncodeCIELABByte(lab[1] + kCIELABByteOffsetAB);
+                out[2] = EncodeCIELABByte(lab[2] + kCIELABByteOffsetAB);
             } else {
                 double lhl[3];
                 ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::LAB2LAB2000HL(lhl, lab);

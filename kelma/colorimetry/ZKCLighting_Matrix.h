@@ -64,9 +64,11 @@ public:
                                       const std::vector<float>* factor) const;
 
 protected:
-    // CIE 1976 L*a*b* of one XYZ triple against inverseWhite[index .. index+2]:
+    // CIE 1976 L*a*b* of one XYZ triple against inverseWhite[index .. index+2]
+    // with the byte encodings' rounded constants (CIELAB.h):
     // f(t) = pow(t, 0.3333333333333333) if t > 0.008856 else 7.787 t + 16/116;
-    // L* = 116 f(tY) - 16 if tY > 0.008856 else 903.3 tY. All in double.
+    // L* = 116 f(tY) - 16 if tY > 0.008856 else 903.3 tY. All in double. The
+    // exact float colorimetry of the library is XYZToCIELAB.
     void XYZ2CIELAB(double* lab, const float* xyz, const std::vector<double>& inverseWhite,
                     unsigned long index) const;
 

@@ -75,17 +75,17 @@ void ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::LAB2LAB2000HL(double* out, co
 }
 
 void ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::LAB2000HL_BYTE(const double* lhl, unsigned char* out) {
-    out[0] = EncodeClamped(3.3931 * lhl[0]);
-    out[1] = EncodeClamped(2.6771 * lhl[1] + 128.0);
-    out[2] = EncodeClamped(2.6771 * lhl[2] + 128.0);
+    out[0] = EncodeClamped(kLab2000hlByteScaleL * lhl[0]);
+    out[1] = EncodeClamped(kLab2000hlByteScaleAB * lhl[1] + kLab2000hlByteOffsetAB);
+    out[2] = EncodeClamped(kLab2000hlByteScaleAB * lhl[2] + kLab2000hlByteOffsetAB);
 }
 
 void ZKCColorSpaceTransformationLUT_LAB2LAB2000HL::TransformToByte(const double* in, unsigned char* out,
                                                                     unsigned long count) const {
     for (unsigned long i = 0; i < count; ++i, in += 3, out += 3) {
-        out[0] = LowByteOfTruncation(3.3931 * in[0]);
-        out[1] = LowByteOfTruncation(2.6771 * in[1] + 128.0);
-        out[2] = LowByteOfTruncation(2.6771 * in[2] + 128.0);
+        out[0] = LowByteOfTruncation(kLab2000hlByteScaleL * in[0]);
+        out[1] = LowByteOfTruncation(kLab2000hlByteScaleAB * in[1] + kLab2000hlByteOffsetAB);
+        out[2] = LowByteOfTruncation(kLab2000hlByteScaleAB * in[2] + kLab2000hlByteOffsetAB);
     }
 }
 

@@ -11,6 +11,12 @@
 namespace KELMA_NAMESPACE {
 
 // Worker over a range of triples (CIELAB in, LAB2000HL out, doubles).
+// LAB2000HL bytes: 3.3931 L_HL (the largest L_HL, 75.1531864183417 at
+// L* = 100, onto 255), 2.6771 a_HL + 128 and 2.6771 b_HL + 128.
+constexpr double kLab2000hlByteScaleL = 3.3931;
+constexpr double kLab2000hlByteScaleAB = 2.6771;
+constexpr double kLab2000hlByteOffsetAB = 128.0;
+
 class KELMA_API ZKCColorSpaceTransformationLUT_Base {
 public:
     virtual ~ZKCColorSpaceTransformationLUT_Base();

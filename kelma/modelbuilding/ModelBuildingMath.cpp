@@ -1,16 +1,12 @@
 #include "kelma/modelbuilding/ModelBuildingMath.h"
 
-#include <lcms2.h>
-
 #include <algorithm>
 #include <cmath>
 
+#include "kelma/colorimetry/CIEDE2000.h"
+
 namespace KELMA_NAMESPACE {
 namespace modelbuilding {
-
-unsigned int DigitalLevel(double percent) {
-    return static_cast<unsigned int>(std::floor(255.0 * percent / 100.0 + 0.5 + 1e-9));
-}
 
 void IsotonicRegression(std::vector<double>& y, const std::vector<double>& weights) {
     // Blocks of pooled values: mean, weight, length.
@@ -147,19 +143,6 @@ std::size_t IntPower(std::size_t base, unsigned int exponent) {
     return r;
 }
 
-void XYZToLab(const double* xyz, const double* white, double* lab) {
-    auto f = [](double t) { return t > 216.0 / 24389.0 ? std::cbrt(t) : (24389.0 / 27.0 * t + 16.0) / 116.0; };
-    const double fx = f(xyz[0] / white[0]), fy = f(xyz[1] / white[1]), fz = f(xyz[2] / white[2]);
-    lab[0] = 116.0 * fy - 16.0;
-    lab[1] = 500.0 * (fx - fy);
-    lab[2] = 200.0 * (fy - fz);
-}
-
-double DeltaE00(const double* lab1, const double* lab2) {
-    cmsCIELab a{lab1[0], lab1[1], lab1[2]}, b{lab2[0], lab2[1], lab2[2]};
-    return cmsCIE2000DeltaE(&a, &b, 1.0, 1.0, 1.0);
-}
-
 void DeltaE00Metric(const double* lab, double* u) {
     const double h = 0.05;
     // q(v) = symmetric second-order part of dE00^2 along v.
@@ -169,7 +152,7 @@ void DeltaE00Metric(const double* lab, double* u) {
             plus[c] = lab[c] + v[c];
             minus[c] = lab[c] - v[c];
         }
-        const double a = DeltaE00(lab, plus), b = DeltaE00(lab, minus);
+        const double a = DeltaE2000(lab, plus), b = DeltaE2000(lab, minus);
         return 0.5 * (a * a + b * b);
     };
     double m[9];
@@ -195,15 +178,6 @@ void DeltaE00Metric(const double* lab, double* u) {
     // U = L^T (the factor writes only the lower triangle).
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j) u[i * 3 + j] = j >= i ? l[j * 3 + i] : 0.0;
-}
-
-double Percentile(std::vector<double> values, double q) {
-    if (values.empty()) return 0.0;
-    std::sort(values.begin(), values.end());
-    const double pos = q * (values.size() - 1);
-    const std::size_t lo = static_cast<std::size_t>(std::floor(pos));
-    const std::size_t hi = std::min(lo + 1, values.size() - 1);
-    return values[lo] + (pos - lo) * (values[hi] - values[lo]);
 }
 
 }  // namespace modelbuilding

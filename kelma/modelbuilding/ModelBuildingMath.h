@@ -1,6 +1,6 @@
 // Small numeric tools of the model builder (internal, double precision):
-// ink levels, monotone curves, dense Cholesky, the Moebius inversion into the
-// matrix-scheme layout and CIELAB / CIEDE2000 helpers.
+// monotone curves, dense Cholesky, the Moebius inversion into the
+// matrix-scheme layout and the local metric of CIEDE2000.
 #pragma once
 
 #include <cstddef>
@@ -10,12 +10,6 @@
 
 namespace KELMA_NAMESPACE {
 namespace modelbuilding {
-
-// Digital level of an ink percentage: round half up of 2.55 x percent
-// (40 % -> 102, 10 % -> 26). Computed as 255 p / 100 with a 1e-9 allowance so
-// that decimal inputs such as 10 % (25.5) round up as written. Expects p in
-// [0, 100] (callers check); the result is then in 0..255.
-unsigned int DigitalLevel(double percent);
 
 // Weighted isotonic (non-decreasing) least-squares fit of y by pooling
 // adjacent violators, in place. Weights must be positive. No NaN handling:
@@ -45,25 +39,13 @@ void MoebiusInvert(double* corners, unsigned int inks);
 // Integer power b^e for small grids (exact while it fits 64 bits).
 std::size_t IntPower(std::size_t base, unsigned int exponent);
 
-// CIE 1976 L*a*b* (D50 or any white) of XYZ against `white`, exact CIE
-// constants (epsilon 216/24389, kappa 24389/27), as Little CMS computes it.
-// XYZ and white on the same scale; NaN propagates.
-void XYZToLab(const double* xyz, const double* white, double* lab);
-
-// CIEDE2000 (kL = kC = kH = 1) by Little CMS's cmsCIE2000DeltaE; NaN in, NaN out.
-double DeltaE00(const double* lab1, const double* lab2);
-
 // Upper-triangular factor U (row-major 3 x 3) with |U d|^2 ~ dE00(lab, lab + d)^2
 // for small d: the local quadratic form Q = U^T U of CIEDE2000 at `lab`, found
-// by symmetric finite differences of cmsCIE2000DeltaE with steps of 0.05. Near
+// by symmetric finite differences of DeltaE2000 with steps of 0.05. Near
 // the neutral axis, where CIEDE2000 is not smooth, a form that is not positive
 // definite falls back to the diagonal (at least 1e-4 per entry).
 void DeltaE00Metric(const double* lab, double* u);
 
-// Percentile by linear interpolation between order statistics (position
-// q (count-1) of the sorted values, as numpy's default), q in [0, 1].
-// Empty input -> 0. Values must not be NaN (they are sorted).
-double Percentile(std::vector<double> values, double q);
 
 }  // namespace modelbuilding
 }  // namespace KELMA_NAMESPACE

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "kelma/colorimetry/CIEDE2000.h"
+#include "kelma/colorimetry/CIELAB.h"
 #include "kelma/modelbuilding/ModelBuildingMath.h"
 #include "kelma/threading/Threading.h"
 
@@ -68,7 +70,7 @@ void Colorimeter::Lab(const double* spectrum, double* lab) const {
         for (unsigned int b = 0; b < kBands; ++b) s += weights_[c][b] * spectrum[b];
         xyz[c] = s;
     }
-    XYZToLab(xyz, white_, lab);
+    XYZToCIELAB(xyz, white_, lab);
 }
 
 YuleNielsenEvaluator::YuleNielsenEvaluator(const GridLayout& grid, const TrainingSet& set,
@@ -166,7 +168,7 @@ bool YuleNielsenEvaluator::DeltaE(double n, Workspace& ws, std::vector<double>& 
     for (std::size_t p = 0; p < set_.residualCount; ++p) {
         if (!Predict(p, n, ws, spectrum)) return false;
         colorimeter_.Lab(spectrum, lab);
-        deltaE[p] = DeltaE00(&set_.lab[p * 3], lab);
+        deltaE[p] = DeltaE2000(&set_.lab[p * 3], lab);
     }
     return true;
 }

@@ -1,7 +1,5 @@
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
 
-#include <lcms2.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,6 +8,8 @@
 #include "kelma/colorimetry/ZKCIlluminant.h"
 #include "kelma/colorimetry/ZKCObserver.h"
 #include "kelma/colorimetry/ZKCWhitePoint.h"
+#include "kelma/common/InkLevels.h"
+#include "kelma/evaluation/ModelEvaluation.h"
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/modelbuilding/ModelBuildingMath.h"
 #include "kelma/modelbuilding/YuleNielsenFit.h"
@@ -197,7 +197,7 @@ public:
         result_.model.n = n;
         result_.model.UpdateFloatArrays();
         result_.trainingDeltaE = PredictionDeltaE00(result_.model, chart_, training);
-        result_.fitError = DeltaEStatistics(result_.trainingDeltaE);
+        result_.fitError = Summarize(result_.trainingDeltaE);
         return result_;
     }
 
@@ -569,7 +569,6 @@ ZKCModelBuilder::ZKCModelBuilder(const ZKSModelChart& chart) : chart_(chart) {
 
 ZKCModelBuilder::~ZKCModelBuilder() = default;
 
-unsigned int ZKCModelBuilder::DigitalLevel(double percent) { return modelbuilding::DigitalLevel(percent); }
 
 ZKSBuiltModel ZKCModelBuilder::Build(const ZKSModelBuildOptions& options) const {
     if (!(options.nMin >= 1.0 && options.nMax >= options.nMin && std::isfinite(options.nMax)))
@@ -625,61 +624,10 @@ ZKSValidationSplit ZKCModelBuilder::ValidationSplit(const std::vector<double>& g
 
 std::vector<double> PredictionDeltaE00(const ZKSPrinterModelArrays& model, const ZKSModelChart& chart,
                                        const std::vector<std::size_t>& patches) {
-    std::vector<double> deltaE;
-    if (patches.empty()) return deltaE;
-    const unsigned int inks = chart.numberOfInks;
-    const unsigned int count = static_cast<unsigned int>(patches.size());
-    const ZKCLighting_Matrix matrix = D50Matrix();
-    const ZKCSSE_KELMA_Data data = model.Model(matrix, INK_SET_SEVEN_INKS);
-    std::vector<unsigned char> samples;
-    AlignedBuffer<float> measured(std::size_t{count} * kSpectrumStride);
-    for (unsigned int s = 0; s < count; ++s) {
-        const std::size_t p = patches[s];
+    if (patches.empty()) return {};
+    for (std::size_t p : patches)
         if (p >= chart.PatchCount()) Fail("patch " + std::to_string(p) + " is outside the chart");
-        for (unsigned int i = 0; i < inks; ++i)
-            samples.push_back(static_cast<unsigned char>(DigitalLevel(chart.deviceValues[p * inks + i])));
-        for (unsigned int w = 0; w < kBands; ++w)
-            measured[s * kSpectrumStride + w] = static_cast<float>(chart.spectra[p * kBands + w]);
-    }
-    AlignedBuffer<float> predicted(std::size_t{count} * kSpectrumStride);
-    {
-        ZKCSSE_KELMA_Thread driver(data, count, samples.data(), predicted.data());
-        driver.Wait();
-    }
-    std::vector<float> xyzPredicted(3 * count), xyzMeasured(3 * count);
-    matrix.CalculateCIEXYZ(xyzPredicted.data(), predicted.data(), count, nullptr);
-    matrix.CalculateCIEXYZ(xyzMeasured.data(), measured.data(), count, nullptr);
-    const ZKCWhitePoint whitePoint(matrix);
-    const std::vector<float>& w = whitePoint.Values();
-    const cmsCIEXYZ white = {w[0], w[1], w[2]};
-    for (unsigned int s = 0; s < count; ++s) {
-        const cmsCIEXYZ a = {xyzPredicted[3 * s], xyzPredicted[3 * s + 1], xyzPredicted[3 * s + 2]};
-        const cmsCIEXYZ b = {xyzMeasured[3 * s], xyzMeasured[3 * s + 1], xyzMeasured[3 * s + 2]};
-        cmsCIELab la, lb;
-        cmsXYZ2Lab(&white, &la, &a);
-        cmsXYZ2Lab(&white, &lb, &b);
-        deltaE.push_back(cmsCIE2000DeltaE(&la, &lb, 1.0, 1.0, 1.0));
-    }
-    return deltaE;
-}
-
-ZKSDeltaEStatistics DeltaEStatistics(const std::vector<double>& deltaE) {
-    ZKSDeltaEStatistics s;
-    s.count = deltaE.size();
-    if (deltaE.empty()) return s;
-    for (double d : deltaE)
-        if (std::isnan(d)) {
-            s.mean = s.p95 = s.max = d;
-            return s;
-        }
-    double sum = 0.0;
-    for (double d : deltaE) {
-        sum += d;
-        s.max = std::max(s.max, d);
-    }
-    s.mean = sum / deltaE.size();
-    s.p95 = Percentile(deltaE, 0.95);
-    return s;
+    return ModelDeltaE2000(model.Model(D50Matrix(), INK_SET_SEVEN_INKS), chart, patches);
 }
 
 }  // namespace KELMA_NAMESPACE

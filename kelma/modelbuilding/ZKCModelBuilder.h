@@ -4,7 +4,7 @@
 // spectra on the library's 31-point grid.
 //
 // Grid. The caller names G grid levels per ink in percent (first 0, last 100);
-// a percentage p becomes the digital level round-half-up(2.55 p) (40 % -> 102).
+// a percentage p becomes the digital level DigitalLevel(p) (40 % -> 102).
 // Every node of the G^N grid must be measured by a training patch (duplicates
 // are averaged); otherwise the build fails with a list of the missing ink
 // combinations, unless missing nodes are to be estimated from a coarser model.
@@ -30,7 +30,8 @@
 // by the monotone cubic. Starts from the classic fit.
 //
 // Colorimetry of the fit: D50, CIE 1931 2 degree (the library's lighting
-// matrix), CIELAB relative to the illuminant white, CIEDE2000 by Little CMS.
+// matrix), CIELAB relative to the illuminant white (XYZToCIELAB), CIEDE2000
+// (DeltaE2000).
 //
 // Positivity: every prediction is (weighted sum)^n with Demichel weights in
 // [0, 1] summing to 1, i.e. a convex combination of node values; a node value
@@ -57,6 +58,7 @@
 
 #include "kelma/colorimetry/ZKCLighting_Matrix.h"
 #include "kelma/common/Types.h"
+#include "kelma/evaluation/Statistics.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 
 namespace KELMA_NAMESPACE {
@@ -139,13 +141,6 @@ struct KELMA_API ZKSPrinterModelArrays {
     ZKCSSE_KELMA_Data Model(INK_SET inkSet = INK_SET_SEVEN_INKS) const;
 };
 
-struct KELMA_API ZKSDeltaEStatistics {
-    std::size_t count = 0;
-    double mean = 0.0;
-    double p95 = 0.0;  // linear interpolation between order statistics
-    double max = 0.0;
-};
-
 // An honest two-fold split of a chart for validation: the grid patches (every
 // ink on a grid level) train both folds; the other patches are grouped by
 // recipe (equal digital levels, so duplicates never straddle the split) and
@@ -170,7 +165,7 @@ struct KELMA_API ZKSBuiltModel {
     // CIEDE2000 of each training patch (same order as trainingPatches) as the
     // library's prediction driver predicts it, and their summary.
     std::vector<double> trainingDeltaE;
-    ZKSDeltaEStatistics fitError;
+    ZKSStatistics fitError;
     // n-search evaluations (classic) or Levenberg-Marquardt iterations (refined).
     unsigned int iterations = 0;
     unsigned int clampedNodeValues = 0;
@@ -190,8 +185,6 @@ public:
     const std::vector<unsigned char>& DigitalLevels() const { return levels_; }
     // The split above for grid levels `gridPercent` (every ink).
     ZKSValidationSplit ValidationSplit(const std::vector<double>& gridPercent) const;
-    // round-half-up(2.55 x percent) for percent in [0, 100].
-    static unsigned int DigitalLevel(double percent);
 
 private:
     ZKSModelChart chart_;
@@ -199,15 +192,11 @@ private:
 };
 
 // CIEDE2000 (D50 / 2 degree) between the chart's measured spectra and the
-// library's prediction (ZKCSSE_KELMA_Thread on the float model) of the given
-// patches at their digital levels, in the given order. Both colours come from
-// the library's float XYZ and Little CMS's double XYZ -> CIELAB against the
-// lighting matrix's white. A NaN prediction gives a NaN difference. Throws
-// ZKCModelBuildingError for a patch index outside the chart.
+// library's prediction of the float model at the patches' digital levels, in
+// the given order: ModelDeltaE2000 of the model built from these arrays. A NaN
+// prediction gives a NaN difference. Throws ZKCModelBuildingError for a patch
+// index outside the chart.
 KELMA_API std::vector<double> PredictionDeltaE00(const ZKSPrinterModelArrays& model, const ZKSModelChart& chart,
                                                  const std::vector<std::size_t>& patches);
-// Count, mean, 95th percentile (numpy's linear definition) and maximum; all
-// 0 for no values; mean, p95 and max are NaN when any value is NaN.
-KELMA_API ZKSDeltaEStatistics DeltaEStatistics(const std::vector<double>& deltaE);
 
 }  // namespace KELMA_NAMESPACE

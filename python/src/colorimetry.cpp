@@ -1,7 +1,6 @@
 // Observers, illuminants, lighting matrices (spectra -> XYZ -> CIELAB or
 // LAB2000HL bytes), white points, and the LAB2000HL transformation.
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <memory>
 
@@ -19,17 +18,12 @@ constexpr unsigned kStride = kelma::kSpectrumStride;  // 32
 
 const char* const kIlluminantNames = "'A', 'D50', 'D65', 'E', 'F1', 'F2', 'F11'";
 
-std::unique_ptr<kelma::ZKCIlluminant_Base> NamedIlluminant(std::string name) {
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
-    if (name == "A") return std::make_unique<kelma::ZKCIlluminant_CIEA>();
-    if (name == "D50") return std::make_unique<kelma::ZKCIlluminant_CIED50>();
-    if (name == "D65") return std::make_unique<kelma::ZKCIlluminant_CIED65>();
-    if (name == "E") return std::make_unique<kelma::ZKCIlluminant_CIEE>();
-    if (name == "F1") return std::make_unique<kelma::ZKCIlluminant_CIEF1>();
-    if (name == "F2") return std::make_unique<kelma::ZKCIlluminant_CIEF2>();
-    if (name == "F11") return std::make_unique<kelma::ZKCIlluminant_CIEF11>();
-    ThrowValue("unknown illuminant '" + name + "': expected one of " + kIlluminantNames +
-               " or a measured spectral power distribution of 31 values (400-700 nm, 10 nm)");
+std::unique_ptr<kelma::ZKCIlluminant_Base> NamedIlluminant(const std::string& name) {
+    std::unique_ptr<kelma::ZKCIlluminant_Base> illuminant = kelma::MakeStandardIlluminant(name);
+    if (!illuminant)
+        ThrowValue("unknown illuminant '" + name + "': expected one of " + kIlluminantNames +
+                   " or a measured spectral power distribution of 31 values (400-700 nm, 10 nm)");
+    return illuminant;
 }
 
 kelma::ZKCObserver MakeObserver(const py::object& observer) {

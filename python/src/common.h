@@ -69,19 +69,24 @@ void ParallelFor(std::size_t total, const std::function<void(std::size_t, std::s
                  std::size_t inlineBelow = 4096);
 
 // Runs `call`; a library failure (a plain character-string exception) comes
-// back as a ValueError holding the library's text followed by `context`.
+// back as a ValueError: `context`, then the library's explanation of its text.
 template <class F>
 auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
     try {
         return call();
     } catch (const char* text) {
-        ThrowValue(std::string(text) + ": " + context);
+        ThrowValue(context + ": " + kelma::ExplainLibraryError(text));
     }
 }
 
 // Lighting matrix from an illuminant description (a name, a 31-value SPD, a
 // sequence of those, or a LightingMatrix) and an observer (2 or 10).
 kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
+
+// A chart argument: a kelma.MeasurementFile (its device channels are the
+// inks, in percent; spectra resampled linearly) or a tuple (device_values
+// (patches, N) in percent, spectra (patches, 31)). ink_names only with a tuple.
+kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& inkNames);
 
 // Registration of each part of the module.
 void RegisterColorimetry(py::module_& m);
@@ -90,5 +95,6 @@ void RegisterPrediction(py::module_& m);
 void RegisterSampling(py::module_& m);
 void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
+void RegisterColour(py::module_& m);
 
 }  // namespace kelma_py

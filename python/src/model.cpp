@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "common.h"
+#include "kelma/model/ModelValidation.h"
 #include "model.h"
 
 namespace kelma_py {
@@ -17,31 +18,6 @@ constexpr unsigned kValues = kelma::kSpectralValues;
 
 bool SupportedInks(std::size_t n) { return n == 4 || n == 6 || n == 7; }
 
-void CheckGrid(const double* g, std::size_t inks, std::size_t points) {
-    for (std::size_t i = 0; i < inks; ++i) {
-        const double* row = g + i * points;
-        for (std::size_t p = 0; p < points; ++p) {
-            if (!std::isfinite(row[p]) || row[p] != std::floor(row[p])) {
-                std::ostringstream s;
-                s << "grid levels must be whole numbers 0..255, ink " << i << " has " << row[p];
-                ThrowValue(s.str());
-            }
-            if (p > 0 && !(row[p] > row[p - 1])) {
-                std::ostringstream s;
-                s << "grid levels of each ink must be strictly ascending, ink " << i << " has " << row[p - 1]
-                  << " then " << row[p];
-                ThrowValue(s.str());
-            }
-        }
-        if (row[0] != 0.0 || row[points - 1] != 255.0) {
-            std::ostringstream s;
-            s << "each ink's grid must start at 0 and end at 255, ink " << i << " runs " << row[0] << ".."
-              << row[points - 1];
-            ThrowValue(s.str());
-        }
-    }
-}
-
 template <class T>
 std::shared_ptr<ZKCSSE_KELMA_Data> Build(const py::object& ramps, const CArray<double>& g,
                                          const py::array& schemeIn, double n, const kelma::ZKCLighting_Matrix& lm,
@@ -50,12 +26,19 @@ std::shared_ptr<ZKCSSE_KELMA_Data> Build(const py::object& ramps, const CArray<d
     CArray<T> gridT = AsNumeric<T>(g, "grid", kFloat | kInteger);
     CArray<T> rampsT = AsNumeric<T>(ramps, "ramps", kFloat | kInteger);
     CArray<T> scheme = AsNumeric<T>(schemeIn, "scheme", kFloat);
-    CheckFinite(rampsT.data(), rampsT.size(), "ramps");
-    CheckFinite(scheme.data(), scheme.size(), "scheme");
     const T nT = static_cast<T>(n);
-    if (!std::isfinite(nT) || !(nT > 0))
-        ThrowValue("n (the Yule-Nielsen exponent) must be finite and positive in " +
-                   std::string(sizeof(T) == 4 ? "float32" : "float64") + ", got " + std::to_string(n));
+    if (std::isfinite(n) && !std::isfinite(nT))
+        ThrowValue("n (the Yule-Nielsen exponent) = " + std::to_string(n) +
+                   " does not fit in float32, the precision this model is built in");
+    // The library's one check of a model (the values, after conversion to the
+    // precision the model is built from).
+    std::string problem;
+    {
+        py::gil_scoped_release release;
+        problem = kelma::CheckModelArrays(N, G, gridT.data(), rampsT.data(), scheme.data(),
+                                          static_cast<std::size_t>(scheme.size()), nT);
+    }
+    if (!problem.empty()) ThrowValue("not a usable model: " + problem);
     py::gil_scoped_release release;
     // The constructor predicts the blank paper on worker threads.
     return std::make_shared<ZKCSSE_KELMA_Data>(N, G, gridT.data(), rampsT.data(), scheme.data(), nT, lm,
@@ -77,7 +60,6 @@ std::shared_ptr<ZKCSSE_KELMA_Data> MakeModel(const py::object& grid, const py::o
                    " rows" + hint);
     }
     if (G < 2) ThrowValue("grid needs at least 2 levels (0 and 255) per ink, got " + std::to_string(G));
-    CheckGrid(g.data(), N, G);
 
     py::array r = AsNdarray(ramps, "ramps");
     const Shape rampShape{static_cast<py::ssize_t>(N), 256};

@@ -39,43 +39,11 @@ std::shared_ptr<kelma::ZKCSSE_KELMA_Data> ModelOf(const kelma::ZKSPrinterModelAr
         arrays.Model(lm, static_cast<kelma::INK_SET>(inkSet), mediaRelative, absolute));
 }
 
-kelma::ZKSModelChart Chart(const py::object& chart, const py::object& inkNames) {
-    if (py::isinstance<kelma::ZKCMeasurementFile>(chart)) {
-        if (!inkNames.is_none()) ThrowValue("ink_names come from the measurement file's channel names");
-        const auto& file = chart.cast<const kelma::ZKCMeasurementFile&>();
-        py::gil_scoped_release release;
-        return kelma::ChartFromMeasurementFile(file);
-    }
-    if (!py::isinstance<py::tuple>(chart) || py::len(chart) != 2)
-        ThrowType("chart must be a MeasurementFile or a tuple (device_values, spectra)");
-    py::tuple t = chart.cast<py::tuple>();
-    auto device = AsNumeric<double>(t[0], "device_values", kFloat | kInteger);
-    auto spectra = AsNumeric<double>(t[1], "spectra", kFloat | kInteger);
-    if (device.ndim() != 2 || device.shape(0) < 1)
-        ThrowValue("device_values must be (patches, inks) in percent, got shape " + ShapeString(device));
-    const Shape want{device.shape(0), kValues};
-    if (Shape(spectra.shape(), spectra.shape() + spectra.ndim()) != want)
-        ThrowValue("spectra must be " + ShapeString(want) +
-                   ": one reflectance spectrum at 400-700 nm (10 nm) per patch, got " + ShapeString(spectra));
-    kelma::ZKSModelChart c;
-    c.numberOfInks = static_cast<unsigned>(device.shape(1));
-    c.deviceValues.assign(device.data(), device.data() + device.size());
-    c.spectra.assign(spectra.data(), spectra.data() + spectra.size());
-    if (!inkNames.is_none()) {
-        try {
-            c.inkNames = inkNames.cast<std::vector<std::string>>();
-        } catch (const py::cast_error&) {
-            ThrowType("ink_names must be a sequence of strings");
-        }
-    }
-    return c;
-}
-
 ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const std::string& method,
                     const py::object& training, double fixedN, bool fitN, double nMin, double nMax,
                     bool estimateMissing, const py::object& coarse, unsigned maxIterations,
                     const py::object& inkNames) {
-    kelma::ZKSModelChart chart = Chart(chartObj, inkNames);
+    kelma::ZKSModelChart chart = ChartArgument(chartObj, inkNames);
     kelma::ZKSModelBuildOptions o;
     auto g = AsNumeric<double>(grid, "grid_percent", kFloat | kInteger);
     if (g.ndim() == 1)
@@ -119,10 +87,11 @@ ZKSBuiltModel Build(const py::object& chartObj, const py::object& grid, const st
     return builder.Build(o);
 }
 
-py::dict Stats(const kelma::ZKSDeltaEStatistics& s) {
+py::dict Stats(const kelma::ZKSStatistics& s) {
     py::dict d;
     d["count"] = s.count;
     d["mean"] = s.mean;
+    d["median"] = s.median;
     d["p95"] = s.p95;
     d["max"] = s.max;
     return d;

@@ -1,23 +1,15 @@
 // The `kelma` extension module: spectral printer-model prediction,
 // colorimetry, resampling, measurement files and CLUTs on numpy arrays.
-#include <cstring>
-
 #include "common.h"
 
 namespace {
 
 namespace py = pybind11;
 
-// The library reports failures as plain character strings with fixed texts.
-bool IsArgumentText(const char* text) {
-    return std::strcmp(text, "DefaultCase") == 0 || std::strcmp(text, "Invalid IlluminantIndex") == 0 ||
-           std::strcmp(text, "Wavelength-list has less than 2 elements") == 0 ||
-           std::strcmp(text, "Invalid wavelength range") == 0;
-}
 
 }  // namespace
 
-PYBIND11_MODULE(kelma, m) {
+PYBIND11_MODULE(_kelma, m) {
     m.doc() = R"doc(Spectral printer-model library: cellular Yule-Nielsen modified spectral
 Neugebauer prediction of halftone prints (4, 6 or 7 inks), colorimetry
 (CIE XYZ, CIELAB, LAB2000HL), spectral resampling, CGATS measurement files
@@ -34,7 +26,10 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
         try {
             if (p) std::rethrow_exception(p);
         } catch (const char* text) {
-            PyErr_SetString(IsArgumentText(text) ? PyExc_ValueError : PyExc_RuntimeError, text);
+            // The library's fixed texts, explained (kelma/common/LibraryErrors.h).
+            const kelma::ZKSLibraryError e = kelma::FindLibraryError(text);
+            PyErr_SetString(e.kind == kelma::LIBRARY_ERROR_ARGUMENT ? PyExc_ValueError : PyExc_RuntimeError,
+                            kelma::ExplainLibraryError(text).c_str());
         }
     });
 
@@ -58,4 +53,5 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterSampling(m);
     kelma_py::RegisterClut(m);
     kelma_py::RegisterModelBuilding(m);
+    kelma_py::RegisterColour(m);
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "kelma/common/InkLevels.h"
 #include "kelma/kelma.h"
 
 using namespace kelma;
@@ -89,8 +90,8 @@ TEST(DefaultPressModel, EmbeddedArraysAreTheShippedModelFile) {
 
 TEST(DefaultPressModel, PredictsItsChartAndPaper) {
     const ZKSModelChart chart = PressChart();
-    const ZKSDeltaEStatistics fit =
-        DeltaEStatistics(PredictionDeltaE00(DefaultPressModelArrays(), chart, AllPatches(chart)));
+    const ZKSStatistics fit =
+        Summarize(PredictionDeltaE00(DefaultPressModelArrays(), chart, AllPatches(chart)));
     std::printf("    embedded model on its 1617 patches: mean %.3f p95 %.3f max %.3f\n", fit.mean, fit.p95, fit.max);
     EXPECT_LE(fit.mean, 0.25);
     EXPECT_LE(fit.p95, 0.55);
@@ -139,7 +140,7 @@ TEST(DefaultPressModel, IsWhatTheToolFitsToday) {
     const ZKCSSE_KELMA_Data b = embedded.Model(matrix, INK_SET_CMYK);
     const unsigned int count = static_cast<unsigned int>(chart.PatchCount());
     std::vector<unsigned char> samples;
-    for (double v : chart.deviceValues) samples.push_back(static_cast<unsigned char>(ZKCModelBuilder::DigitalLevel(v)));
+    for (double v : chart.deviceValues) samples.push_back(static_cast<unsigned char>(DigitalLevel(v)));
     AlignedBuffer<float> sa(std::size_t{count} * 32), sb(std::size_t{count} * 32);
     {
         ZKCSSE_KELMA_Thread ta(a, count, samples.data(), sa.data());

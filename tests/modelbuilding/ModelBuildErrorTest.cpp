@@ -7,6 +7,8 @@
 #include <limits>
 #include <vector>
 
+#include "kelma/colorimetry/CIEDE2000.h"
+#include "kelma/common/InkLevels.h"
 #include "kelma/modelbuilding/ModelBuildingMath.h"
 #include "kelma/modelbuilding/YuleNielsenFit.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
@@ -48,8 +50,8 @@ struct Fixture {
         for (std::size_t p = 0; p < chart.PatchCount(); ++p) {
             bool same = true;
             for (unsigned int i = 0; i < 4; ++i)
-                same = same && modelbuilding::DigitalLevel(chart.deviceValues[p * 4 + i]) ==
-                                   modelbuilding::DigitalLevel(percent[i]);
+                same = same && DigitalLevel(chart.deviceValues[p * 4 + i]) ==
+                                   DigitalLevel(percent[i]);
             if (same) return p;
         }
         return chart.PatchCount();
@@ -196,12 +198,12 @@ TEST(ModelBuildErrors, MissingNodesEstimatedFromACoarserModel) {
     const ZKSPrinterModelArrays& m = built.model;
     for (std::size_t k = 0; k < lost.size(); ++k) {
         std::vector<unsigned char> sample;
-        for (double p : lost[k]) sample.push_back(static_cast<unsigned char>(modelbuilding::DigitalLevel(p)));
+        for (double p : lost[k]) sample.push_back(static_cast<unsigned char>(DigitalLevel(p)));
         double predicted[31], a[3], b[3];
         modelbuilding::PredictFromArrays(m, sample.data(), predicted);
         colorimeter.Lab(predicted, a);
         colorimeter.Lab(truthSpectra[k].data(), b);
-        const double deltaE = modelbuilding::DeltaE00(a, b);
+        const double deltaE = DeltaE2000(a, b);
         std::printf("    estimated node %zu: CIEDE2000 %.3f from the measurement\n", k, deltaE);
         EXPECT_LT(deltaE, 1.0) << k;
     }

@@ -202,12 +202,12 @@ TEST(ModelRebuild, WithheldPatchesOfAFinerPrintAreWithinTheAccuracyTargets) {
         options.gridPercent = grid;
         options.trainingPatches = split.Training(fold);
         options.method = MODELFIT_CLASSIC;
-        const ZKSDeltaEStatistics classic =
-            DeltaEStatistics(PredictionDeltaE00(builder.Build(options).model, maker.Chart(), split.half[1 - fold]));
+        const ZKSStatistics classic =
+            Summarize(PredictionDeltaE00(builder.Build(options).model, maker.Chart(), split.half[1 - fold]));
         options.method = MODELFIT_REFINED;
         const ZKSBuiltModel refined = builder.Build(options);
-        const ZKSDeltaEStatistics held =
-            DeltaEStatistics(PredictionDeltaE00(refined.model, maker.Chart(), split.half[1 - fold]));
+        const ZKSStatistics held =
+            Summarize(PredictionDeltaE00(refined.model, maker.Chart(), split.half[1 - fold]));
         std::printf("    fold %u held out %zu: classic mean %.3f p95 %.3f; refined mean %.3f p95 %.3f max %.3f "
                     "(n %.3f, %u iterations)\n",
                     fold, held.count, classic.mean, classic.p95, held.mean, held.p95, held.max, refined.model.n,

@@ -35,7 +35,7 @@ protected:
 std::unique_ptr<ZKCModelBuilder> PressChart::builder_;
 
 struct HeldOut {
-    ZKSDeltaEStatistics all, noBlack, black;
+    ZKSStatistics all, noBlack, black;
 };
 
 HeldOut Judge(const ZKCModelBuilder& builder, const ZKSBuiltModel& built, const std::vector<std::size_t>& test) {
@@ -43,7 +43,7 @@ HeldOut Judge(const ZKCModelBuilder& builder, const ZKSBuiltModel& built, const 
     std::vector<double> noBlack, black;
     for (std::size_t k = 0; k < test.size(); ++k)
         (builder.DigitalLevels()[test[k] * 4 + 3] == 0 ? noBlack : black).push_back(deltaE[k]);
-    return {DeltaEStatistics(deltaE), DeltaEStatistics(noBlack), DeltaEStatistics(black)};
+    return {Summarize(deltaE), Summarize(noBlack), Summarize(black)};
 }
 
 void Print(const char* method, unsigned int fold, const ZKSBuiltModel& built, const HeldOut& h) {

@@ -94,6 +94,38 @@ function test_kelma_mex (fixture_dir, readme)
   bad = g4; bad(2, 1) = bad(2, 1) + 0.5;
   expect_error (@() kelma_predict (bad, r4, s4, n4, i4), "kelma:predict:grid", "fractional grid level");
 
+  % Float colorimetry: CIELAB is the exact CIE 15 CIELAB of the XYZ, against
+  % the white of a perfect reflector (the XYZ of the paper, paper-relative).
+  press = kelma_default_model ();
+  samples = uint8 ([0 0 0 0; 255 0 0 0; 0 0 0 255; 30 200 90 10; 128 128 128 128]');
+  for ill = {"D50", "D65", "A"}
+    xyz = kelma_predict_xyz (press, samples, "illuminant", ill{1}, "observer", 10);
+    lab = kelma_predict_lab (press, samples, "illuminant", ill{1}, "observer", 10);
+    rel_xyz = kelma_predict_xyz (press, samples, "illuminant", ill{1}, "observer", 10, "relative", "paper");
+    rel_lab = kelma_predict_lab (press, samples, "illuminant", ill{1}, "observer", 10, "relative", "paper");
+    white = rel_xyz(:, 1);   % the paper mapped onto the perfect white (to float rounding)
+    check (isa (lab, "double") && isequal (size (lab), [3 5]), [ill{1} ": lab is double 3 x count"]);
+    check (abs (rel_xyz(2, 1) - 1) < 1e-6, [ill{1} ": paper-relative paper has Y = 1"]);
+    check (max (abs (rel_lab(:, 1) - [100; 0; 0])) < 2e-4, [ill{1} ": paper-relative paper is L* 100"]);
+    check (max (max (abs (exact_lab (rel_xyz, white) - rel_lab))) < 1e-3, [ill{1} ": paper-relative CIELAB"]);
+    check (max (max (abs (exact_lab (xyz, white) - lab))) < 1e-3, [ill{1} ": CIELAB of the XYZ"]);
+    check (lab(1, 1) < 99 && lab(1, 3) < 30, [ill{1} ": paper below the perfect white, black dark"]);
+  end
+  expect_error (@() kelma_predict_lab (press, samples, "illuminant", "D70"), "kelma:argument", "unknown illuminant");
+  expect_error (@() kelma_predict_lab (press, samples, "observer", 5), "kelma:argument", "observer 5");
+  expect_error (@() kelma_predict_lab (press, samples, "relative", "ink"), "kelma:argument", "relative ink");
+  expect_error (@() kelma_predict_lab (press, samples, "tint"), "kelma:argument", "odd options");
+  expect_error (@() kelma_predict_lab (press, double (samples)), "kelma:class", "double inks");
+  expect_error (@() kelma_predict_lab (press, samples(1:3, :)), "kelma:size", "3 x count inks");
+  expect_error (@() kelma_predict_lab (rmfield (press, "n"), samples), "kelma:argument", "model without n");
+  broken = press;
+  broken.ramps(40, 2) = broken.ramps(39, 2) - 0.1;
+  expect_error (@() kelma_predict_lab (broken, samples), "kelma:model", "falling ramp");
+  broken = press;
+  broken.scheme(1) = -1;
+  expect_error (@() kelma_predict_xyz (broken, samples), "kelma:model", "negative corner");
+  expect_error (@() kelma_evaluate (press, "/nonexistent/chart.txt"), "kelma:chart", "missing chart");
+
   % The README's Octave example runs as written.
   text = fileread (readme);
   blocks = regexp (text, '```octave\n(.*?)```', "tokens");
@@ -111,6 +143,17 @@ function test_kelma_mex (fixture_dir, readme)
   if (failed > 0)
     exit (1);
   end
+end
+
+function lab = exact_lab (xyz, white)
+  t = xyz ./ white;
+  f = ifelse_ (t > 216 / 24389, nthroot (t, 3), (24389 / 27 * t + 16) / 116);
+  lab = [116 * f(2, :) - 16; 500 * (f(1, :) - f(2, :)); 200 * (f(2, :) - f(3, :))];
+end
+
+function r = ifelse_ (c, a, b)
+  r = b;
+  r(c) = a(c);
 end
 
 function v = read_raw (path, precision)

@@ -157,6 +157,14 @@ def cielab(xyz_values, white):
     return np.stack([L, 500.0 * (f[..., 0] - f[..., 1]), 200.0 * (f[..., 1] - f[..., 2])], axis=-1)
 
 
+def cielab_exact(xyz_values, white):
+    """CIE 15 CIELAB with the exact constants 216/24389 and 24389/27."""
+    t = np.asarray(xyz_values, dtype=float) / np.asarray(white, dtype=float)
+    f = np.where(t > 216.0 / 24389.0, np.cbrt(t), (24389.0 / 27.0 * t + 16.0) / 116.0)
+    return np.stack([116.0 * f[..., 1] - 16.0, 500.0 * (f[..., 0] - f[..., 1]), 200.0 * (f[..., 1] - f[..., 2])],
+                    axis=-1)
+
+
 def encode(values):
     """Clamp to 0..255, round half up."""
     v = np.asarray(values, dtype=float)

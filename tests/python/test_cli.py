@@ -37,7 +37,7 @@ def test_demo_prints_the_accuracy_table_and_writes_both_pngs(tmp_path):
     assert r.returncode == 0, r.stderr
     assert is_png(tmp_path / "spectra.png") and is_png(tmp_path / "proof.png")
     rows = {line[:34].strip(): line[34:].split() for line in r.stdout.splitlines() if line[34:].strip()}
-    count, mean, p95, worst = rows["held out (two folds), all"]
+    count, mean, median, p95, worst = rows["held out (two folds), all"]
     assert int(count) > 1400 and float(mean) <= 0.25 and float(p95) <= 0.55
     assert float(rows["embedded model, all patches"][1]) <= 0.25
     assert "Timings" in r.stdout

@@ -39,16 +39,16 @@ class TestModelArguments:
         (lambda r: dict(grid=edited_grid(r, 0, 2, r.grid[0, 1])), ValueError, "strictly ascending"),
         (lambda r: dict(ramps=r.ramps.T), ValueError, r"pass ramps\.T"),
         (lambda r: dict(ramps=r.ramps[:, :255]), ValueError, r"ramps must have shape \(4, 256\)"),
-        (lambda r: dict(ramps=np.where(np.arange(256) == 9, np.nan, r.ramps)), ValueError, "ramps must be finite"),
+        (lambda r: dict(ramps=np.where(np.arange(256) == 9, np.nan, r.ramps)), ValueError, "ramp of ink 1 is not finite at level 9"),
         (lambda r: dict(ramps=r.ramps.astype(bool)), TypeError, "ramps must be a real"),
         (lambda r: dict(scheme=r.scheme[:-1]), ValueError, "31 x \\(G-1\\)\\^N x 2\\^N = 126976"),
         (lambda r: dict(scheme=r.scheme.reshape(-1, 16)), ValueError, "scheme must hold"),
         (lambda r: dict(scheme=r.scheme.astype(np.int32)), TypeError, "scheme must be a floating-point"),
-        (lambda r: dict(scheme=np.where(r.scheme > 0.5, np.inf, r.scheme)), ValueError, "scheme must be finite"),
+        (lambda r: dict(scheme=np.where(r.scheme > 0.5, np.inf, r.scheme)), ValueError, "scheme coefficient [0-9]+ is not finite"),
         (lambda r: dict(n=-1.0), ValueError, "finite and positive"),
         (lambda r: dict(n=0.0), ValueError, "finite and positive"),
         (lambda r: dict(n=float("nan")), ValueError, "finite and positive"),
-        (lambda r: dict(n=1e300), ValueError, "finite and positive in float32"),
+        (lambda r: dict(n=1e300), ValueError, "does not fit in float32"),
         (lambda r: dict(n="2"), TypeError, ""),
         (lambda r: dict(illuminants="D55"), ValueError, "unknown illuminant 'D55'"),
         (lambda r: dict(illuminants=np.ones(30)), ValueError, "31 relative spectral power"),
@@ -58,7 +58,7 @@ class TestModelArguments:
         (lambda r: dict(illuminants=[]), ValueError, "illuminants is empty"),
         (lambda r: dict(illuminants=["D50", "nope"]), ValueError, "unknown illuminant"),
         (lambda r: dict(illuminants=None), TypeError, "illuminants must be an array"),
-        (lambda r: dict(observer=5), ValueError, "DefaultCase: observer must be 2 .* or 10 .*, got 5"),
+        (lambda r: dict(observer=5), ValueError, r"observer must be 2 .* or 10 .*, got 5: .*\(library error \"DefaultCase\"\)"),
         (lambda r: dict(observer=-2), ValueError, "observer must be 2"),
         (lambda r: dict(observer="2"), TypeError, "observer must be an integer"),
         (lambda r: dict(illuminants=kelma.LightingMatrix("A"), observer=2), ValueError, "already folds"),
@@ -90,7 +90,7 @@ class TestModelArguments:
             build(ref7).sub_model("0x0F")
 
     def test_bad_illuminant_index(self, model4):
-        with pytest.raises(ValueError, match="Invalid IlluminantIndex: illuminant index must be in 0..0, got 1"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..0, got 1: .*Invalid IlluminantIndex"):
             model4.single_illuminant(1)
         with pytest.raises(ValueError, match="Invalid IlluminantIndex"):
             model4.single_illuminant(-1)
@@ -132,7 +132,7 @@ class TestPredictionArguments:
         inks = np.zeros((2, 4), np.uint8)
         with pytest.raises(ValueError, match="'lab2000hl' or 'cielab', got 'xyz'"):
             kelma.predict_colors(model4, inks, encoding="xyz")
-        with pytest.raises(ValueError, match="Invalid IlluminantIndex.*got 2"):
+        with pytest.raises(ValueError, match="got 2: .*Invalid IlluminantIndex"):
             kelma.predict_colors(model4, inks, illuminant=2)
         with pytest.raises(TypeError, match="illuminant must be None"):
             kelma.predict_colors(model4, inks, illuminant="0")
@@ -161,7 +161,7 @@ class TestColorimetryArguments:
             lm.media_relative_factor(np.zeros((2, 3)))
         with pytest.raises(TypeError, match="uint8 or uint16"):
             lm.media_relative_lab2000hl_bytes(np.zeros((1, 2, 3)))
-        with pytest.raises(ValueError, match="Invalid IlluminantIndex: illuminant index must be in 0..1, got 2"):
+        with pytest.raises(ValueError, match="illuminant index must be in 0..1, got 2: .*Invalid IlluminantIndex"):
             lm.illuminant(2)
         with pytest.raises(ValueError, match=r"weights must have shape \(illuminants, 3, 31\)"):
             kelma.LightingMatrix.from_weights(np.zeros((3, 31)))
@@ -189,9 +189,9 @@ class TestColorimetryArguments:
 
 class TestResampleArguments:
     @pytest.mark.parametrize("spectra,wavelengths,method,match", [
-        (np.zeros((2, 1)), [500.0], "linear", "Wavelength-list has less than 2 elements: .*at least 2"),
+        (np.zeros((2, 1)), [500.0], "linear", "at least 2.*Wavelength-list has less than 2 elements"),
         (np.zeros((2, 3)), [410.0, 500.0, 690.0], "linear",
-         "Invalid wavelength range: .*at or below 400 nm or end at or above 700 nm, got 410..690 nm"),
+         "at or below 400 nm or end at or above 700 nm, got 410..690 nm.*Invalid wavelength range"),
         (np.zeros((2, 3)), [400.0, 600.0, 500.0], "linear", "strictly ascending, got 600 then 500"),
         (np.zeros((2, 3)), [400.0, 400.0, 700.0], "spline", "strictly ascending"),
         (np.zeros((2, 3)), [400.0, np.nan, 700.0], "linear", "wavelengths must be finite"),

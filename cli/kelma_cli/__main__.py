@@ -1,0 +1,5 @@
+import sys
+
+from kelma_cli.main import main
+
+sys.exit(main())

@@ -1,0 +1,25 @@
+"""Argument parsing and error reporting of the kelma command."""
+import argparse
+import sys
+
+from . import demo, evaluate, fit, predict, proof, resample
+from .common import UserError
+
+SUBCOMMANDS = (demo, predict, evaluate, fit, proof, resample)
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(prog="kelma", description="Predict how a halftone print will look.")
+    sub = parser.add_subparsers(dest="command", required=True)
+    for module in SUBCOMMANDS:
+        module.register(sub)
+    args = parser.parse_args(argv)
+    try:
+        args.run(args)
+    except (UserError, ValueError, TypeError, RuntimeError, OSError) as exc:
+        sys.stderr.write("kelma: error: %s\n" % exc)
+        return 1
+    except KeyboardInterrupt:
+        sys.stderr.write("kelma: interrupted\n")
+        return 130
+    return 0
