@@ -266,13 +266,20 @@ KELMA_AVX2 void InterpolateClut3_AVX2(const ZKSClutTables3& t, unsigned m, const
 // of two adjacent nodes (b3 = 0, 1) at node offsets cornerOffset[k'],
 // k' = b0 + 2 b1 + 4 b2. A 16-byte load at a run holds
 //   bytes 0-2: corner k' channels 0-2,  bytes 3-5: corner k' + 8 channels 0-2
-// and kSlotsRun turns it into the 32-bit slots (v_k'j, v_k'+8,j), j = 0..2
-// (slot 3 zero). Vector i (i = 0..3) holds run i in its low half and run
-// i + 4 in its high half.
+// and the `slots` shuffle turns it into the 32-bit slots (v_k'j, v_k'+8,j),
+// j = 0..2 (slot 3 zero). Vector i (i = 0..3) holds run i in its low half and
+// run i + 4 in its high half.
 //   inner_k'j = pmaddwd(slot, {32 - f3, f3})       <= 32 * 255 (exact)
 //   R_k'      = P[f0 32 + f1][k' & 3] * A[f2][k' >> 2]   <= 32768 (16-bit product)
 //   acc_j     = sum over k' of R_k' * inner_k'j   (pmulld; every partial sum < 2^28)
 // R_k' inner_k'j = sum over b3 of W[r][k' + 8 b3] v: the reference's integer.
+//
+// Memory: a 17^4 table's node array (245 KiB) stays in each core's
+// second-level cache, where its 48-byte corner-major blocks (3.8 MiB, the
+// reference's layout) would be read from the shared last-level cache or
+// memory at random pixels, and all threads read the same copy. No pixel
+// depends on another, so the out-of-order core overlaps the loads of the
+// next pixels with the arithmetic of the current one.
 namespace {
 
 struct Pixel4x3 {

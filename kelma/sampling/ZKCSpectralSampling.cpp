@@ -93,15 +93,13 @@ public:
         // row = z^T R, column by column (R has three entries per column).
         row.assign(n_, 0.0);
         for (std::size_t r = 0; r < n_; ++r) {
-            const double below = r > 0 ? 6.0 / h_[r - 1] : 0.0;      // R[r][r-1]
-            const double above = r + 1 < n_ ? 6.0 / h_[r] : 0.0;     // R[r][r+1]
+            const double below = r > 0 ? 6.0 / h_[r - 1] : 0.0;   // R[r][r-1]
+            const double above = r + 1 < n_ ? 6.0 / h_[r] : 0.0;  // R[r][r+1]
             if (r > 0) row[r - 1] += z[r] * below;
             row[r] -= z[r] * (below + above);
             if (r + 1 < n_) row[r + 1] += z[r] * above;
         }
     }
-
-    double H(std::size_t k) const { return h_[k]; }
 
 private:
     std::size_t n_;
