@@ -2,9 +2,18 @@
 // pixels and the same 17-point node tables (CMYK -> 3 on 17^4 nodes, RGB -> 3
 // on 17^3 nodes), on one thread and on all processors, random pixels (cache
 // hostile) and a smooth image with noise. Prints pixels per second and, at
-// the end, the kelma / Little CMS ratio per case (medians when repeated).
+// the end, the kelma / Little CMS ratio per case (medians when repeated) and
+// kelma's speed-up from one thread to all.
 //
-//   build-clut/bench/bench_clut --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+//   build/bench/bench_clut --benchmark_filter='BM_Kelma|BM_LittleCMS' --benchmark_repetitions=9
+//       --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
+//
+// On a shared machine, random interleaving spreads both peers' repetitions
+// over the same stretch of time, so their medians see the same load, and the
+// cases are also timed by the process's CPU time ("CPU time"), which other
+// processes do not inflate. The wall-clock thread speed-up needs otherwise
+// idle processors; the CPU-time comparison shows whether threads slow each
+// other down.
 //
 // Little CMS is a peer only: a device link holding one CLUT stage filled from
 // the same nodes (8-bit node v as 16-bit v * 257), transformed with
@@ -14,6 +23,8 @@
 // single byte differs.
 #include <benchmark/benchmark.h>
 #include <lcms2.h>
+
+#include <time.h>
 
 #include <cmath>
 #include <cstdio>
@@ -144,13 +155,38 @@ void RunLcms(const LcmsLink& link, unsigned inputs, const std::vector<std::uint8
 
 // ---------------------------------------------------------------------------
 
+// Args: inputs, pixel kind, all processors (else one thread), clock (0: wall
+// time, 1: the process's CPU time, summed over its threads).
 unsigned ThreadsOf(const benchmark::State& state) {
     return state.range(2) != 0 ? kelma::CPUCount() : 1u;
 }
 
-std::string Label(unsigned inputs, PixelKind kind, unsigned threads) {
-    return std::string(inputs == 4 ? "CMYK 17^4" : "RGB 17^3") + (kind == kRandom ? ", random" : ", image") +
-           ", " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+std::string Label(const benchmark::State& state) {
+    const unsigned threads = ThreadsOf(state);
+    return std::string(state.range(0) == 4 ? "CMYK 17^4" : "RGB 17^3") +
+           (state.range(1) == kRandom ? ", random" : ", image") + ", " + std::to_string(threads) +
+           (threads == 1 ? " thread" : " threads") + (state.range(3) != 0 ? ", CPU time" : "");
+}
+
+// Times each iteration by the wall clock or, on a machine shared with other
+// work, by the CPU time of the whole process (all its threads), which other
+// processes' load does not inflate: a per-core rate for one thread.
+template <class F>
+void TimeIterations(benchmark::State& state, F&& run) {
+    const bool cpu = state.range(3) != 0;
+    auto now = [cpu] {
+        timespec t{};
+        clock_gettime(cpu ? CLOCK_PROCESS_CPUTIME_ID : CLOCK_MONOTONIC, &t);
+        return t.tv_sec + 1e-9 * t.tv_nsec;
+    };
+    for (auto _ : state) {
+        const double start = now();
+        run();
+        benchmark::ClobberMemory();
+        state.SetIterationTime(now() - start);
+    }
+    state.SetItemsProcessed(state.iterations() * kPixels);
+    state.SetLabel(Label(state));
 }
 
 void BM_Kelma(benchmark::State& state) {
@@ -168,11 +204,11 @@ void BM_Kelma(benchmark::State& state) {
     if (inputs == 4) {
         kelma::ZKCWorkerCLUT_4x3 w(nodes.data(), kelma::CLUT_ACCURACY_17);
         w.SetBuffers(px.data(), reference.data(), kPixels);
-        w.InterpolateWith(kelma::ZKEClutKernel::Reference);
+        w.InterpolateWith(kelma::KERNEL_REFERENCE);
     } else {
         kelma::ZKCWorkerCLUT_3x3 w(nodes.data(), kelma::CLUT_ACCURACY_17);
         w.SetBuffers(px.data(), reference.data(), kPixels);
-        w.InterpolateWith(kelma::ZKEClutKernel::Reference);
+        w.InterpolateWith(kelma::KERNEL_REFERENCE);
     }
     driver.Init(px.data(), out.data(), kPixels);
     driver.Calculate();
@@ -180,13 +216,10 @@ void BM_Kelma(benchmark::State& state) {
         state.SkipWithError("driver differs from the reference loop");
         return;
     }
-    for (auto _ : state) {
+    TimeIterations(state, [&] {
         driver.Init(px.data(), out.data(), kPixels);
         driver.Calculate();
-        benchmark::ClobberMemory();
-    }
-    state.SetItemsProcessed(state.iterations() * kPixels);
-    state.SetLabel(Label(inputs, kind, threads));
+    });
 }
 
 void BM_LittleCMS(benchmark::State& state) {
@@ -199,10 +232,7 @@ void BM_LittleCMS(benchmark::State& state) {
     LcmsLink link(nodes, inputs);
     kelma::ZKCWorkerThreads pool(threads);
     std::vector<LcmsSlice> slices;
-    for (auto _ : state) {
-        RunLcms(link, inputs, px, out, threads, pool, slices);
-        benchmark::ClobberMemory();
-    }
+    TimeIterations(state, [&] { RunLcms(link, inputs, px, out, threads, pool, slices); });
     // How far the two interpolations drift apart on these pixels (information only).
     std::vector<std::uint8_t> ours(kPixels * 3);
     kelma::ZKCWorkerCLUT_Thread driver(nodes.data(), inputs, 3, kelma::CLUT_ACCURACY_17, false);
@@ -211,18 +241,17 @@ void BM_LittleCMS(benchmark::State& state) {
     int worst = 0;
     for (std::size_t i = 0; i < out.size(); ++i) worst = std::max(worst, std::abs(int(out[i]) - int(ours[i])));
     state.counters["max_diff_vs_kelma"] = worst;
-    state.SetItemsProcessed(state.iterations() * kPixels);
-    state.SetLabel(Label(inputs, kind, threads));
 }
 
-// Single-thread kernels on one worker: reference loop, SSSE3 and AVX2 (where present).
-// Args: inputs, kernel, pixel kind.
+// Single-thread kernels on one worker, by dispatch variant: reference loop,
+// SSSE3, AVX2, AVX-512 (where the processor runs them; SSE2 runs the
+// reference loop and is left out). Args: inputs, variant, pixel kind.
 void BM_Kernel(benchmark::State& state) {
     const unsigned inputs = static_cast<unsigned>(state.range(0));
-    const auto kernel = static_cast<kelma::ZKEClutKernel>(state.range(1));
+    const auto variant = static_cast<kelma::KERNEL_VARIANT>(state.range(1));
     const PixelKind kind = static_cast<PixelKind>(state.range(2));
-    if (!kelma::ClutKernelSupported(kernel)) {
-        state.SkipWithError("kernel not supported here");
+    if (!kelma::KernelVariantSupported(variant)) {
+        state.SkipWithError("variant not supported by this processor");
         return;
     }
     const std::vector<std::uint8_t> nodes = inputs == 4 ? CmykNodes() : RgbNodes();
@@ -235,26 +264,31 @@ void BM_Kernel(benchmark::State& state) {
         w = std::make_unique<kelma::ZKCWorkerCLUT_3x3>(nodes.data(), kelma::CLUT_ACCURACY_17);
     w->SetBuffers(px.data(), out.data(), kPixels);
     for (auto _ : state) {
-        w->InterpolateWith(kernel);
+        w->InterpolateWith(variant);
         benchmark::ClobberMemory();
     }
-    const char* names[] = {"reference", "SSSE3", "AVX2"};
     state.SetItemsProcessed(state.iterations() * kPixels);
     state.SetLabel(std::string(inputs == 4 ? "CMYK" : "RGB") + (kind == kRandom ? " random, " : " image, ") +
-                   names[state.range(1)]);
+                   kelma::KernelVariantName(kelma::ClutKernelVariant(variant)));
 }
 
 void Cases(benchmark::internal::Benchmark* b) {
     for (int inputs : {4, 3})
-        for (int kind : {kRandom, kImage})
-            for (int all : {0, 1}) b->Args({inputs, kind, all});
-    b->Unit(benchmark::kMillisecond)->UseRealTime();
+        for (int kind : {kRandom, kImage}) {
+            b->Args({inputs, kind, 0, 0});
+            b->Args({inputs, kind, 1, 0});
+            b->Args({inputs, kind, 0, 1});
+            b->Args({inputs, kind, 1, 1});
+        }
+    b->Unit(benchmark::kMillisecond)->UseManualTime();
 }
 
 BENCHMARK(BM_Kelma)->Apply(Cases);
 BENCHMARK(BM_LittleCMS)->Apply(Cases);
 BENCHMARK(BM_Kernel)
-    ->ArgsProduct({{4, 3}, {0, 1, 2}, {kRandom, kImage}})
+    ->ArgsProduct({{4, 3},
+                   {kelma::KERNEL_REFERENCE, kelma::KERNEL_SSSE3, kelma::KERNEL_AVX2, kelma::KERNEL_AVX512},
+                   {kRandom, kImage}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
@@ -286,6 +320,27 @@ public:
             if (k == rates_["BM_Kelma"].end()) continue;
             std::printf("%-36s %13.1fM %13.1fM %7.2fx\n", labels_["BM_Kelma" + key].c_str(), k->second / 1e6,
                         lcms / 1e6, k->second / lcms);
+        }
+        // Args "inputs/kind/all/clock": all processors against one, wall time.
+        std::printf("\n%-36s %8s\n", "kelma, all threads / one thread", "speed-up");
+        const auto& kelma = rates_["BM_Kelma"];
+        for (const auto& [key, rate] : kelma) {
+            if (key.size() < 4 || key.compare(key.size() - 4, 4, "/1/0") != 0) continue;
+            auto one = kelma.find(key.substr(0, key.size() - 4) + "/0/0");
+            if (one == kelma.end()) continue;
+            std::printf("%-36s %7.2fx\n", labels_["BM_Kelma" + key].c_str(), rate / one->second);
+        }
+        // The same by CPU time: pixels per CPU second of all threads against
+        // one thread's. 1.00 means the threads do not slow each other down
+        // (caches, memory), so on idle processors the wall-clock speed-up
+        // would be the thread count; it is the measure that holds while
+        // other work shares the processors.
+        std::printf("\n%-36s %8s\n", "kelma, CPU work per pixel, one / all", "ratio");
+        for (const auto& [key, rate] : kelma) {
+            if (key.size() < 4 || key.compare(key.size() - 4, 4, "/1/1") != 0) continue;
+            auto one = kelma.find(key.substr(0, key.size() - 4) + "/0/1");
+            if (one == kelma.end()) continue;
+            std::printf("%-36s %7.2f\n", labels_["BM_Kelma" + key].c_str(), rate / one->second);
         }
     }
 

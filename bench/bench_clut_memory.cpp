@@ -59,9 +59,10 @@ void OneClut() {
     std::printf("peak RSS: %.1f MiB before the CLUT, %.1f MiB after (+%.1f MiB)\n", before, PeakMiB(),
                 PeakMiB() - before);
     const std::size_t cells = std::size_t(17 * 17 * 17 * 17) * 48;
-    std::printf("  of which: weight table %.1f MiB (shared; whole 2 MiB pages), cell blocks %.2f MiB per worker"
-                " x %u workers\n",
-                (std::size_t(1048577) * 64) / 1048576.0, cells / 1048576.0, kelma::CPUCount());
+    const std::size_t nodes = kelma::ZKCWorkerCLUT_Thread::NodeArrayBytes(4, 3, kelma::CLUT_ACCURACY_17);
+    std::printf("  of which: weight table %.1f MiB (shared; whole 2 MiB pages), cell blocks %.2f MiB and node"
+                " array %.2f MiB, one copy shared by the %u workers\n",
+                (std::size_t(1048577) * 64) / 1048576.0, cells / 1048576.0, nodes / 1048576.0, kelma::CPUCount());
 }
 
 void Weights() {

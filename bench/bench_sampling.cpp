@@ -2,6 +2,10 @@
 // 380-730 nm), tiled to a batch of 16 x 1617, onto the 31-point grid; linear
 // and cubic spline, on one thread and on all processors.
 //
+// BM_SplineLongList: the whole cost of a long wavelength list (knots evenly
+// over 380-780 nm): building the spline driver for the list and resampling
+// 1000 spectra on it, on one thread. Time per iteration = per 1000 spectra.
+//
 // The chart is found next to the sources (data/aptec_pc10/); set
 // KELMA_BENCH_CHART to read another CGATS file with spectral fields.
 #include <benchmark/benchmark.h>
@@ -64,7 +68,30 @@ void BM_Resample(benchmark::State& state) {
     state.counters["bands_in"] = static_cast<double>(batch.wavelengths.size());
 }
 
+// Args: knots.
+void BM_SplineLongList(benchmark::State& state) {
+    const std::size_t knots = static_cast<std::size_t>(state.range(0));
+    constexpr std::size_t kSpectra = 1000;
+    std::vector<double> wavelengths(knots);
+    for (std::size_t j = 0; j < knots; ++j) wavelengths[j] = 380.0 + 400.0 * j / (knots - 1);
+    std::vector<float> spectra(kSpectra * knots);
+    for (std::size_t i = 0; i < spectra.size(); ++i) spectra[i] = 0.5f + 0.4f * static_cast<float>((i * 7919) % 1000) / 1000.0f;
+    AlignedBuffer<float> out(kSpectra * kSpectrumStride);
+    SetCPUCountOverride(1);
+    for (auto _ : state) {
+        ZKCSpectralSampling_Thread sampler(wavelengths, SPECTRALSAMPLING_CUBICSPLINE);
+        sampler.Init(spectra.data(), out.data(), kSpectra);
+        sampler.Calculate();
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    SetCPUCountOverride(0);
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(kSpectra));
+}
+
 }  // namespace
+
+BENCHMARK(BM_SplineLongList)->ArgName("knots")->Arg(36)->Arg(512)->Arg(1024)->Arg(4096)->Arg(16384)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 BENCHMARK(BM_Resample)
     ->ArgNames({"method", "threads"})

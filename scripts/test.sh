@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
 # Builds kelma and runs every test. With --sanitize, builds a separate tree
-# with AddressSanitizer + UndefinedBehaviorSanitizer and runs the tests there.
+# with AddressSanitizer + UndefinedBehaviorSanitizer and runs the tests there;
+# with --tsan, a tree with ThreadSanitizer and the concurrency tests only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-if [ "${1:-}" = "--sanitize" ]; then
+if [ "${1:-}" = "--tsan" ]; then
+  export BUILD_DIR=${BUILD_DIR:-build-tsan}
+  bash scripts/build.sh -DKELMA_SANITIZE_THREAD=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
+elif [ "${1:-}" = "--sanitize" ]; then
   export BUILD_DIR=${BUILD_DIR:-build-asan}
   bash scripts/build.sh -DKELMA_SANITIZE=ON -DKELMA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1

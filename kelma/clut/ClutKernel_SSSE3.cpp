@@ -1,7 +1,7 @@
 // SSSE3 twin of ClutKernel_Reference.cpp (128-bit), compiled for that target
-// only and reached through BestClutKernel() when the processor has SSSE3 but
-// not AVX2. It reads the corner-major cell blocks directly with the byte
-// shuffles of ClutKernel_Shuffles.h.
+// only and reached through the SSSE3 dispatch variant (ClutKernel.cpp). It
+// reads the corner-major cell blocks directly with the byte shuffles of
+// ClutKernel_Shuffles.h.
 //
 // Weights: the products of the factor tables (ZKCClutWeightTable), equal to
 // the rows of the shared table, split for pmaddwd (signed 16-bit lanes):
@@ -69,7 +69,7 @@ struct Cell3 {
     }
 };
 
-KELMA_SSSE3 void Interpolate3x3(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
+KELMA_SSSE3 void Interpolate3x3(const ZKSClutTables3 t, const std::uint8_t* in, std::uint8_t* out,
                                 std::uint32_t count) {
     const __m128i mask0 = Load16(kSlots3[0]);
     const __m128i mask1 = Load16(kSlots3[1]);
@@ -93,7 +93,7 @@ KELMA_SSSE3 void Interpolate3x3(const ZKSClutTables3& t, const std::uint8_t* in,
     }
 }
 
-KELMA_SSSE3 void Interpolate3x4(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
+KELMA_SSSE3 void Interpolate3x4(const ZKSClutTables3 t, const std::uint8_t* in, std::uint8_t* out,
                                 std::uint32_t count) {
     const __m128i maskA = Load16(kSlots4);       // corner pair (0,1) of a 4-corner window
     const __m128i maskB = Load16(kSlots4 + 16);  // corner pair (2,3)
@@ -137,7 +137,7 @@ KELMA_SSSE3 inline void AddPair7(Sums7& s, __m128i window, __m128i maskA, __m128
     s.bLo = _mm_add_epi32(s.bLo, _mm_madd_epi16(xb, wLo));
 }
 
-KELMA_SSSE3 void Interpolate3x7(const ZKSClutTables3& t, const std::uint8_t* in, std::uint8_t* out,
+KELMA_SSSE3 void Interpolate3x7(const ZKSClutTables3 t, const std::uint8_t* in, std::uint8_t* out,
                                 std::uint32_t count) {
     const __m128i lo0 = Load16(kSlots7[0]), hi0 = Load16(kSlots7[0] + 16);  // pair at window byte 0
     const __m128i lo2 = Load16(kSlots7[1]), hi2 = Load16(kSlots7[1] + 16);  // pair at window byte 2
@@ -181,7 +181,7 @@ KELMA_SSSE3 void InterpolateClut3_SSSE3(const ZKSClutTables3& t, unsigned m, con
 
 // Four inputs: corners 0..7 and 8..15 (24 bytes further) each through the
 // three-output slots, both halves summed per slot before regrouping.
-KELMA_SSSE3 void InterpolateClut4x3_SSSE3(const ZKSClutTables4& t, const std::uint8_t* in, std::uint8_t* out,
+KELMA_SSSE3 void InterpolateClut4x3_SSSE3(const ZKSClutTables4 t, const std::uint8_t* in, std::uint8_t* out,
                                           std::uint32_t count) {
     const __m128i lowMask = _mm_set1_epi16(0x7FFF);
     const __m128i mask[3] = {Load16(kSlots3[0]), Load16(kSlots3[1]), Load16(kSlots3[2])};

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 namespace KELMA_NAMESPACE {
@@ -90,14 +91,14 @@ ZKCClutWeightTable::ZKCClutWeightTable(unsigned inputs) : inputs_(inputs), pairs
     // Rows 0 .. 32^d - 1: W[r][k] = (product of the axes of k's low part) times
     // (product of the rest), the two factors being pair rows (or axis factors),
     // the same integers as FillRow gives; the extra last row by FillRow itself.
+    axis_ = AlignedBuffer<ClutPairWeight>(32 * 8);
+    for (unsigned f = 0; f < 32; ++f)
+        for (unsigned i = 0; i < 4; ++i) {
+            axis_[f * 8 + i] = static_cast<ClutPairWeight>(32 - f);
+            axis_[f * 8 + 4 + i] = static_cast<ClutPairWeight>(f);
+        }
     std::uint32_t* row = rows_.get();
     if (inputs == 3) {
-        axis_ = AlignedBuffer<ClutPairWeight>(32 * 8);
-        for (unsigned f = 0; f < 32; ++f)
-            for (unsigned i = 0; i < 4; ++i) {
-                axis_[f * 8 + i] = static_cast<ClutPairWeight>(32 - f);
-                axis_[f * 8 + 4 + i] = static_cast<ClutPairWeight>(f);
-            }
         for (unsigned pair = 0; pair < 1024; ++pair) {
             const ClutPairWeight* p = pairs_.data() + pair * 4;
             for (unsigned f2 = 0; f2 < 32; ++f2, row += 8) {
@@ -118,6 +119,40 @@ ZKCClutWeightTable::ZKCClutWeightTable(unsigned inputs) : inputs_(inputs), pairs
 }
 
 ZKCClutWeightTable::~ZKCClutWeightTable() = default;
+
+namespace {
+
+// One slot per shape: the table lives as long as a worker holds it; the slot
+// only watches it, so the last holder frees it without taking the lock.
+struct SharedTableSlot {
+    std::mutex mutex;
+    std::weak_ptr<const ZKCClutWeightTable> table;
+};
+
+SharedTableSlot& SlotOf(unsigned inputs) {
+    static SharedTableSlot slots[2];
+    if (inputs != 3 && inputs != 4) throw "DefaultCase";
+    return slots[inputs - 3];
+}
+
+}  // namespace
+
+std::shared_ptr<const ZKCClutWeightTable> AcquireClutWeightTable(unsigned inputs) {
+    SharedTableSlot& slot = SlotOf(inputs);
+    std::lock_guard<std::mutex> lock(slot.mutex);
+    std::shared_ptr<const ZKCClutWeightTable> table = slot.table.lock();
+    if (!table) {
+        table = std::make_shared<const ZKCClutWeightTable>(inputs);
+        slot.table = table;
+    }
+    return table;
+}
+
+std::shared_ptr<const ZKCClutWeightTable> LiveClutWeightTable(unsigned inputs) {
+    SharedTableSlot& slot = SlotOf(inputs);
+    std::lock_guard<std::mutex> lock(slot.mutex);
+    return slot.table.lock();
+}
 
 std::size_t ClutNodeCount(std::uint32_t n, unsigned inputs) {
     std::size_t count = 1;

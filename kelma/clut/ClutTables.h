@@ -64,8 +64,15 @@ std::vector<OutputMapEntry> IdentityOutputMap();
 //   three inputs: W[r][k] = P[f0 32 + f1][k & 3] * A[f2][k >> 2]
 //   four inputs:  W[r][k] = P[f0 32 + f1][k & 3] * P[f2 32 + f3][k >> 2]
 // with the pair row P[fa 32 + fb] = {(32-fa)(32-fb), fa (32-fb), (32-fa) fb, fa fb}
-// (1024 rows of 4, 8 KiB) and A[f] = {32 - f, f} (three inputs only, stored
-// SIMD-ready as {32 - f} four times, then {f} four times: 32 rows of 8).
+// (1024 rows of 4, 8 KiB) and A[f] = {32 - f, f} (stored SIMD-ready as
+// {32 - f} four times, then {f} four times: 32 rows of 8). The four-input
+// kernels that read node-major tables use the three-input product
+// P[f0 32 + f1][k & 3] * A[f2][(k >> 2) & 1] for corners k = 0..7 and the
+// axis-3 pair {32 - f3, f3} for bit 3 of k; the products are the same integers.
+//
+// Lifetime: one table per shape and process, shared by every worker of that
+// shape (AcquireClutWeightTable) and freed with the last of them; any thread
+// may acquire and release tables at any time.
 using ClutPairWeight = std::uint16_t;  // <= 1024
 
 class ZKCClutWeightTable {
@@ -86,7 +93,6 @@ public:
 
     // Derived factors for the optimised kernels (see above).
     const ClutPairWeight* Pairs() const { return pairs_.data(); }
-    // Empty for four inputs.
     const ClutPairWeight* AxisFactors() const { return axis_.data(); }
 
 private:
@@ -100,6 +106,16 @@ private:
     AlignedBuffer<ClutPairWeight> pairs_;
     AlignedBuffer<ClutPairWeight> axis_;
 };
+
+// The process-wide table of `inputs` (3 or 4) axes: the live one if any
+// worker still holds it, else a new one. Thread-safe: concurrent callers of one
+// shape get the same table (the first builds it while the others wait); the
+// table is freed when the last holder lets go, on whichever thread that is.
+std::shared_ptr<const ZKCClutWeightTable> AcquireClutWeightTable(unsigned inputs);
+// The live table of that shape, or null when no holder exists (for tests and
+// diagnostics; the answer may be stale as soon as it returns when other
+// threads create or release CLUTs).
+std::shared_ptr<const ZKCClutWeightTable> LiveClutWeightTable(unsigned inputs);
 
 // Nodes on an axis of n points raised to the power d, in size_t.
 std::size_t ClutNodeCount(std::uint32_t n, unsigned inputs);

@@ -2,9 +2,10 @@
 // it stands on, a ready CLUT driver built from that subset's sub-model under
 // one illuminant. Every move and every illuminant choice rebuilds the CLUT.
 // The old CLUT is deleted first, so with it the shared 64 MiB four-input
-// weight table of the workers, which the new CLUT creates again. Use a
-// dispatcher from one thread, and create and destroy dispatchers and CLUT
-// drivers on one thread (see ZKCWorkerCLUT_Thread.h).
+// weight table of the workers (unless another CLUT of the process still holds
+// it), which the new CLUT creates again. Use one dispatcher from one thread at
+// a time; separate dispatchers and CLUT drivers may be created, used and
+// destroyed on different threads at once (see ZKCWorkerCLUT_Thread.h).
 #pragma once
 
 #include <memory>

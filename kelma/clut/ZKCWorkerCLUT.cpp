@@ -1,5 +1,7 @@
 #include "kelma/clut/ZKCWorkerCLUT.h"
 
+#include <cstring>
+
 namespace KELMA_NAMESPACE {
 
 namespace {
@@ -9,6 +11,14 @@ std::uint32_t CheckedGridPoints(CLUT_ACCURACY accuracy) {
     const std::uint32_t n = static_cast<std::uint32_t>(accuracy);
     if (n < kClutMinGridPoints || n > kClutMaxGridPoints) throw "DefaultCase";
     return n;
+}
+
+// True when the first m maps are IdentityOutputMap().
+bool IdentityMaps(const std::vector<std::vector<OutputMapEntry>>& maps, unsigned m) {
+    const std::vector<OutputMapEntry> identity = IdentityOutputMap();
+    for (unsigned j = 0; j < m; ++j)
+        if (maps[j] != identity) return false;
+    return true;
 }
 
 // Entry g = g * step.
@@ -23,7 +33,8 @@ std::vector<std::uint32_t> Strides(std::uint32_t n, std::uint32_t step) {
 // ---------------------------------------------------------------------------
 // Base
 
-ZKCWorkerCLUT_Base::ZKCWorkerCLUT_Base(CLUT_ACCURACY accuracy) : gridPoints_(CheckedGridPoints(accuracy)) {}
+ZKCWorkerCLUT_Base::ZKCWorkerCLUT_Base(CLUT_ACCURACY accuracy)
+    : gridPoints_(CheckedGridPoints(accuracy)), variant_(ActiveKernelVariant()) {}
 
 ZKCWorkerCLUT_Base::~ZKCWorkerCLUT_Base() = default;
 
@@ -37,15 +48,8 @@ bool ZKCWorkerCLUT_Base::IsInLAB() const { return false; }
 
 // ---------------------------------------------------------------------------
 // Three inputs
-//
-// The shape's weight table and its counter: the first constructor creates the
-// table when none exists, every constructor (copies too) counts itself as the
-// last step of its body, so a constructor that throws earlier has not counted;
-// the destructor that brings the counter to zero frees the table. No lock: see
-// ZKCWorkerCLUT.h (one thread constructs and destroys).
 
-ZKCClutWeightTable* ZKCWorkerCLUT_3xn::sharedWeights_ = nullptr;
-unsigned long ZKCWorkerCLUT_3xn::instances_ = 0;
+std::atomic<unsigned long> ZKCWorkerCLUT_3xn::instances_{0};
 
 ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(CLUT_ACCURACY accuracy, unsigned outputs)
     : ZKCWorkerCLUT_Base(accuracy),
@@ -53,34 +57,18 @@ ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(CLUT_ACCURACY accuracy, unsigned outputs)
       stride0_(Strides(gridPoints_, gridPoints_ * gridPoints_)),
       stride1_(Strides(gridPoints_, gridPoints_)),
       inputMaps_(3, StandardInputMap(gridPoints_)),
-      outputMaps_(outputs, IdentityOutputMap()) {
-    if (sharedWeights_ == nullptr) sharedWeights_ = new ZKCClutWeightTable(3);
-    weights_ = sharedWeights_;
-    ++instances_;
-}
+      outputMaps_(outputs, IdentityOutputMap()),
+      identityOutput_(IdentityMaps(outputMaps_, outputs)),
+      weights_(AcquireClutWeightTable(3)) {}
 
-ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(const ZKCWorkerCLUT_3xn& other)
-    : ZKCWorkerCLUT_Base(other),
-      outputs_(other.outputs_),
-      stride0_(other.stride0_),
-      stride1_(other.stride1_),
-      inputMaps_(other.inputMaps_),
-      outputMaps_(other.outputMaps_),
-      cells_(other.cells_),
-      weights_(other.weights_) {
-    ++instances_;
-}
+ZKCWorkerCLUT_3xn::ZKCWorkerCLUT_3xn(const ZKCWorkerCLUT_3xn& other) = default;
 
-ZKCWorkerCLUT_3xn::~ZKCWorkerCLUT_3xn() {
-    if (--instances_ == 0) {
-        delete sharedWeights_;
-        sharedWeights_ = nullptr;
-    }
-}
+ZKCWorkerCLUT_3xn::~ZKCWorkerCLUT_3xn() = default;
 
 void ZKCWorkerCLUT_3xn::BuildCells(const unsigned char* nodes) {
-    cells_ = AlignedBuffer<std::uint8_t>(ClutNodeCount(gridPoints_, 3) * 8 * outputs_);
-    BuildCellTable(nodes, gridPoints_, 3, outputs_, cells_.data());
+    auto cells = std::make_shared<AlignedBuffer<std::uint8_t>>(ClutNodeCount(gridPoints_, 3) * 8 * outputs_);
+    BuildCellTable(nodes, gridPoints_, 3, outputs_, cells->data());
+    cells_ = std::move(cells);
 }
 
 void ZKCWorkerCLUT_3xn::UseLabInputMaps() {
@@ -94,23 +82,23 @@ ZKSClutTables3 ZKCWorkerCLUT_3xn::Tables() const {
     for (unsigned j = 0; j < outputs_; ++j) t.outputMap[j] = outputMaps_[j].data();
     t.stride0 = stride0_.data();
     t.stride1 = stride1_.data();
-    t.cells = cells_.data();
+    t.cells = cells_->data();
     t.weights = weights_->Rows();
     t.pairs = weights_->Pairs();
     t.axis = weights_->AxisFactors();
+    t.identityOutput = identityOutput_;
     return t;
 }
 
-void ZKCWorkerCLUT_3xn::Run(ZKEClutKernel kernel) {
+void ZKCWorkerCLUT_3xn::Run(KERNEL_VARIANT variant) {
     if (count_ == 0) return;
-    InterpolateClut3(kernel, Tables(), outputs_, input_, output_, count_);
+    InterpolateClut3(variant, Tables(), outputs_, input_, output_, count_);
 }
 
 // ---------------------------------------------------------------------------
-// Four inputs (shared table and counter as for three inputs)
+// Four inputs
 
-ZKCClutWeightTable* ZKCWorkerCLUT_4xn::sharedWeights_ = nullptr;
-unsigned long ZKCWorkerCLUT_4xn::instances_ = 0;
+std::atomic<unsigned long> ZKCWorkerCLUT_4xn::instances_{0};
 
 ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs)
     : ZKCWorkerCLUT_Base(accuracy),
@@ -119,35 +107,24 @@ ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs)
       stride1_(Strides(gridPoints_, gridPoints_ * gridPoints_)),
       stride2_(Strides(gridPoints_, gridPoints_)),
       inputMaps_(4, StandardInputMap(gridPoints_)),
-      outputMaps_(outputs, IdentityOutputMap()) {
-    if (sharedWeights_ == nullptr) sharedWeights_ = new ZKCClutWeightTable(4);
-    weights_ = sharedWeights_;
-    ++instances_;
-}
+      outputMaps_(outputs, IdentityOutputMap()),
+      identityOutput_(IdentityMaps(outputMaps_, outputs)),
+      weights_(AcquireClutWeightTable(4)) {}
 
-ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(const ZKCWorkerCLUT_4xn& other)
-    : ZKCWorkerCLUT_Base(other),
-      outputs_(other.outputs_),
-      stride0_(other.stride0_),
-      stride1_(other.stride1_),
-      stride2_(other.stride2_),
-      inputMaps_(other.inputMaps_),
-      outputMaps_(other.outputMaps_),
-      cells_(other.cells_),
-      weights_(other.weights_) {
-    ++instances_;
-}
+ZKCWorkerCLUT_4xn::ZKCWorkerCLUT_4xn(const ZKCWorkerCLUT_4xn& other) = default;
 
-ZKCWorkerCLUT_4xn::~ZKCWorkerCLUT_4xn() {
-    if (--instances_ == 0) {
-        delete sharedWeights_;
-        sharedWeights_ = nullptr;
-    }
-}
+ZKCWorkerCLUT_4xn::~ZKCWorkerCLUT_4xn() = default;
 
 void ZKCWorkerCLUT_4xn::BuildCells(const unsigned char* nodes) {
-    cells_ = AlignedBuffer<std::uint8_t>(ClutNodeCount(gridPoints_, 4) * 16 * outputs_);
-    BuildCellTable(nodes, gridPoints_, 4, outputs_, cells_.data());
+    auto cells = std::make_shared<AlignedBuffer<std::uint8_t>>(ClutNodeCount(gridPoints_, 4) * 16 * outputs_);
+    BuildCellTable(nodes, gridPoints_, 4, outputs_, cells->data());
+    // The node array itself, with zeroed slack for the 16-byte loads of the
+    // node-major kernels.
+    const std::size_t bytes = ClutNodeArrayBytes(gridPoints_, 4, outputs_);
+    auto copy = std::make_shared<AlignedBuffer<std::uint8_t>>(bytes + kClutNodeSlack);
+    std::memcpy(copy->data(), nodes, bytes);
+    cells_ = std::move(cells);
+    nodes_ = std::move(copy);
 }
 
 ZKSClutTables4 ZKCWorkerCLUT_4xn::Tables() const {
@@ -157,15 +134,21 @@ ZKSClutTables4 ZKCWorkerCLUT_4xn::Tables() const {
     t.stride0 = stride0_.data();
     t.stride1 = stride1_.data();
     t.stride2 = stride2_.data();
-    t.cells = cells_.data();
+    t.cells = cells_->data();
     t.weights = weights_->Rows();
     t.pairs = weights_->Pairs();
+    t.axis = weights_->AxisFactors();
+    t.nodes = nodes_->data();
+    for (unsigned k = 0; k < 8; ++k)
+        t.cornerOffset[k] = outputs_ * ((k & 1u ? stride0_[1] : 0u) + (k & 2u ? stride1_[1] : 0u) +
+                                        (k & 4u ? stride2_[1] : 0u));
+    t.identityOutput = identityOutput_;
     return t;
 }
 
-void ZKCWorkerCLUT_4xn::Run(ZKEClutKernel kernel) {
+void ZKCWorkerCLUT_4xn::Run(KERNEL_VARIANT variant) {
     if (count_ == 0) return;
-    InterpolateClut4x3(kernel, Tables(), input_, output_, count_);
+    InterpolateClut4x3(variant, Tables(), input_, output_, count_);
 }
 
 // ---------------------------------------------------------------------------
@@ -175,8 +158,8 @@ ZKCWorkerCLUT_3x3::ZKCWorkerCLUT_3x3(const unsigned char* nodes, CLUT_ACCURACY a
     : ZKCWorkerCLUT_3xn(accuracy, 3) {
     BuildCells(nodes);
 }
-void ZKCWorkerCLUT_3x3::Interpolate() { Run(BestClutKernel()); }
-void ZKCWorkerCLUT_3x3::InterpolateWith(ZKEClutKernel kernel) { Run(kernel); }
+void ZKCWorkerCLUT_3x3::Interpolate() { Run(variant_); }
+void ZKCWorkerCLUT_3x3::InterpolateWith(KERNEL_VARIANT variant) { Run(variant); }
 
 ZKCWorkerCLUT_3x3_InLAB::ZKCWorkerCLUT_3x3_InLAB(const unsigned char* nodes, CLUT_ACCURACY accuracy)
     : ZKCWorkerCLUT_3x3(nodes, accuracy) {
@@ -187,8 +170,8 @@ ZKCWorkerCLUT_3x4::ZKCWorkerCLUT_3x4(const unsigned char* nodes, CLUT_ACCURACY a
     : ZKCWorkerCLUT_3xn(accuracy, 4) {
     BuildCells(nodes);
 }
-void ZKCWorkerCLUT_3x4::Interpolate() { Run(BestClutKernel()); }
-void ZKCWorkerCLUT_3x4::InterpolateWith(ZKEClutKernel kernel) { Run(kernel); }
+void ZKCWorkerCLUT_3x4::Interpolate() { Run(variant_); }
+void ZKCWorkerCLUT_3x4::InterpolateWith(KERNEL_VARIANT variant) { Run(variant); }
 
 ZKCWorkerCLUT_3x4_InLAB::ZKCWorkerCLUT_3x4_InLAB(const unsigned char* nodes, CLUT_ACCURACY accuracy)
     : ZKCWorkerCLUT_3x4(nodes, accuracy) {
@@ -199,8 +182,8 @@ ZKCWorkerCLUT_3x7::ZKCWorkerCLUT_3x7(const unsigned char* nodes, CLUT_ACCURACY a
     : ZKCWorkerCLUT_3xn(accuracy, 7) {
     BuildCells(nodes);
 }
-void ZKCWorkerCLUT_3x7::Interpolate() { Run(BestClutKernel()); }
-void ZKCWorkerCLUT_3x7::InterpolateWith(ZKEClutKernel kernel) { Run(kernel); }
+void ZKCWorkerCLUT_3x7::Interpolate() { Run(variant_); }
+void ZKCWorkerCLUT_3x7::InterpolateWith(KERNEL_VARIANT variant) { Run(variant); }
 
 ZKCWorkerCLUT_3x7_InLAB::ZKCWorkerCLUT_3x7_InLAB(const unsigned char* nodes, CLUT_ACCURACY accuracy)
     : ZKCWorkerCLUT_3x7(nodes, accuracy) {
@@ -211,7 +194,7 @@ ZKCWorkerCLUT_4x3::ZKCWorkerCLUT_4x3(const unsigned char* nodes, CLUT_ACCURACY a
     : ZKCWorkerCLUT_4xn(accuracy, 3) {
     BuildCells(nodes);
 }
-void ZKCWorkerCLUT_4x3::Interpolate() { Run(BestClutKernel()); }
-void ZKCWorkerCLUT_4x3::InterpolateWith(ZKEClutKernel kernel) { Run(kernel); }
+void ZKCWorkerCLUT_4x3::Interpolate() { Run(variant_); }
+void ZKCWorkerCLUT_4x3::InterpolateWith(KERNEL_VARIANT variant) { Run(variant); }
 
 }  // namespace KELMA_NAMESPACE

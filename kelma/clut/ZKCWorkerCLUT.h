@@ -10,22 +10,34 @@
 //
 // Built from a node array (m bytes per node, axis 0 outermost, of
 // ClutNodeArrayBytes(n, d, m) bytes: the cells on the upper faces read corners
-// past the last node), or for 3x3 / 4x3 from a printer model. Copies are deep
-// except for the weight table of their shape (ZKCClutWeightTable), one per
-// process and shape, shared by all workers of that shape. Workers are
+// past the last node), or for 3x3 / 4x3 from a printer model. Workers are
 // internal; hosts use ZKCWorkerCLUT_Thread.
 //
-// Threads: Interpolate only reads the worker's tables and the shared weight
-// table, so copies run in parallel without locks. Construction and destruction
-// are NOT thread-safe: each shape's table is created by the first constructor
-// when none exists, counted by a plain instance counter of the shape (every
-// constructor, copies included, adds one) and freed by the destructor that
-// brings the counter to zero, all without locking. Workers must therefore be
-// constructed and destroyed on one thread; the CLUT driver and the sub-model
-// dispatcher do both on the caller's thread.
+// Sharing: the tables a worker interpolates from are immutable once built, so
+// a copy shares them with its source instead of duplicating them (the per-
+// processor copies of the CLUT driver then read one table, which stays in the
+// caches of every core, instead of one each). What a copy shares: the cell
+// blocks (and, four inputs, the node array) of its CLUT, held by reference
+// count, and the weight table of its shape (ZKCClutWeightTable), one per
+// process and shape, shared by all workers of that shape. Each copy keeps its
+// own buffers, pixel count, input and output maps, and kernel variant.
+//
+// Threads: Interpolate only reads the shared tables and writes its own output
+// slice, so copies run in parallel without locks. Construction, copying and
+// destruction are thread-safe too: the shared tables are reference counted
+// and the shape's weight table is created under a lock by the first worker
+// that needs it (AcquireClutWeightTable). Two host threads may build and
+// destroy CLUTs at the same time; one worker must still not run Interpolate
+// on two threads at once (it has one set of buffers).
+//
+// Kernel: the worker reads ActiveKernelVariant() when it is constructed (a
+// copy keeps its source's choice) and Interpolate always uses that kernel;
+// every kernel gives the same bytes (ClutKernel.h).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "kelma/clut/ClutKernel.h"
@@ -47,10 +59,11 @@ public:
     virtual unsigned long OutputChannels() const = 0;
     // Only the driver reads it (to pick the thread wrapper); no effect on the arithmetic.
     virtual bool IsInLAB() const;
-    // Applies the table to the stored pixels with the fastest kernel of this processor.
+    // Applies the table to the stored pixels with the kernel chosen at construction.
     virtual void Interpolate() = 0;
-    // The same with a chosen kernel; all kernels give identical bytes.
-    virtual void InterpolateWith(ZKEClutKernel kernel) = 0;
+    // The same with another variant's kernel (the processor must run it:
+    // KernelVariantSupported); all kernels give identical bytes.
+    virtual void InterpolateWith(KERNEL_VARIANT variant) = 0;
 
     // Thread body.
     void operator()() { Interpolate(); }
@@ -59,6 +72,9 @@ public:
     unsigned char* Output() const { return output_; }
     std::uint32_t Count() const { return count_; }
     std::uint32_t GridPoints() const { return gridPoints_; }
+    // The variant Interpolate runs: ActiveKernelVariant() when the worker (or
+    // the source of its copy) was constructed.
+    KERNEL_VARIANT Variant() const { return variant_; }
 
 protected:
     // Throws "DefaultCase" unless 2 <= accuracy <= 256.
@@ -70,6 +86,7 @@ protected:
     unsigned char* output_ = nullptr;
     std::uint32_t count_ = 0;
     std::uint32_t gridPoints_;
+    KERNEL_VARIANT variant_;
 };
 
 // Three input channels, m = OutputChannels() output channels.
@@ -81,15 +98,16 @@ public:
 
     // 8 m bytes of the cell whose lowest corner is `node`: corner-major,
     // bytes k m .. k m + m - 1 = corner k (corner bit a: +1 along axis a).
-    const std::uint8_t* CellBlock(std::size_t node) const { return cells_.data() + node * 8 * outputs_; }
+    // Shared with every copy of this worker.
+    const std::uint8_t* CellBlock(std::size_t node) const { return cells_->data() + node * 8 * outputs_; }
     const InputMapEntry* InputMap(unsigned axis) const { return inputMaps_[axis].data(); }
     const OutputMapEntry* OutputMap(unsigned channel) const { return outputMaps_[channel].data(); }
     const ZKCClutWeightTable& Weights() const { return *weights_; }
 
     // The shared three-input table (null while no three-input worker exists)
     // and the number of three-input workers alive.
-    static const ZKCClutWeightTable* SharedWeights() { return sharedWeights_; }
-    static unsigned long Instances() { return instances_; }
+    static std::shared_ptr<const ZKCClutWeightTable> SharedWeights() { return LiveClutWeightTable(3); }
+    static unsigned long Instances() { return instances_.load(); }
 
 protected:
     // Strides, standard input maps, identity output maps, shared weights; no cells yet.
@@ -100,7 +118,7 @@ protected:
     // Replaces the maps of channels 1 and 2 (a, b) by the CIELAB ones.
     void UseLabInputMaps();
     ZKSClutTables3 Tables() const;
-    void Run(ZKEClutKernel kernel);
+    void Run(KERNEL_VARIANT variant);
 
 private:
     unsigned outputs_;
@@ -108,11 +126,17 @@ private:
     std::vector<std::uint32_t> stride1_;  // g n
     std::vector<std::vector<InputMapEntry>> inputMaps_;
     std::vector<std::vector<OutputMapEntry>> outputMaps_;
-    AlignedBuffer<std::uint8_t> cells_;  // n^3 blocks of 8 m bytes
-    const ZKCClutWeightTable* weights_;  // sharedWeights_, not owned
+    bool identityOutput_;  // outputMaps_ are IdentityOutputMap() (always, today)
+    std::shared_ptr<const AlignedBuffer<std::uint8_t>> cells_;  // n^3 blocks of 8 m bytes
+    std::shared_ptr<const ZKCClutWeightTable> weights_;         // AcquireClutWeightTable(3)
+    // Counts the live workers; the last member, so a constructor that throws has not counted.
+    struct Counter {
+        Counter() { ++instances_; }
+        Counter(const Counter&) : Counter() {}
+        ~Counter() { --instances_; }
+    } counted_;
 
-    static ZKCClutWeightTable* sharedWeights_;
-    static unsigned long instances_;
+    static std::atomic<unsigned long> instances_;
 };
 
 // Four input channels, three outputs (the only four-input shape).
@@ -123,15 +147,18 @@ public:
     ~ZKCWorkerCLUT_4xn() override;
 
     // 16 m bytes per node, corner-major as in ZKCWorkerCLUT_3xn.
-    const std::uint8_t* CellBlock(std::size_t node) const { return cells_.data() + node * 16 * outputs_; }
+    const std::uint8_t* CellBlock(std::size_t node) const { return cells_->data() + node * 16 * outputs_; }
+    // The node array the worker was built from (m bytes per node,
+    // ClutNodeArrayBytes(n, 4, m) bytes), read by the node-major kernels.
+    const std::uint8_t* Nodes() const { return nodes_->data(); }
     const InputMapEntry* InputMap(unsigned axis) const { return inputMaps_[axis].data(); }
     const OutputMapEntry* OutputMap(unsigned channel) const { return outputMaps_[channel].data(); }
     const ZKCClutWeightTable& Weights() const { return *weights_; }
 
     // The shared four-input table (64 MiB; null while no four-input worker
     // exists) and the number of four-input workers alive.
-    static const ZKCClutWeightTable* SharedWeights() { return sharedWeights_; }
-    static unsigned long Instances() { return instances_; }
+    static std::shared_ptr<const ZKCClutWeightTable> SharedWeights() { return LiveClutWeightTable(4); }
+    static unsigned long Instances() { return instances_.load(); }
 
 protected:
     ZKCWorkerCLUT_4xn(CLUT_ACCURACY accuracy, unsigned outputs);
@@ -139,7 +166,7 @@ protected:
 
     void BuildCells(const unsigned char* nodes);
     ZKSClutTables4 Tables() const;
-    void Run(ZKEClutKernel kernel);
+    void Run(KERNEL_VARIANT variant);
 
 private:
     unsigned outputs_;
@@ -148,11 +175,17 @@ private:
     std::vector<std::uint32_t> stride2_;  // g n
     std::vector<std::vector<InputMapEntry>> inputMaps_;
     std::vector<std::vector<OutputMapEntry>> outputMaps_;
-    AlignedBuffer<std::uint8_t> cells_;  // n^4 blocks of 16 m bytes
-    const ZKCClutWeightTable* weights_;  // sharedWeights_, not owned
+    bool identityOutput_;
+    std::shared_ptr<const AlignedBuffer<std::uint8_t>> cells_;  // n^4 blocks of 16 m bytes
+    std::shared_ptr<const AlignedBuffer<std::uint8_t>> nodes_;  // node array + kClutNodeSlack zero bytes
+    std::shared_ptr<const ZKCClutWeightTable> weights_;         // AcquireClutWeightTable(4)
+    struct Counter {
+        Counter() { ++instances_; }
+        Counter(const Counter&) : Counter() {}
+        ~Counter() { --instances_; }
+    } counted_;
 
-    static ZKCClutWeightTable* sharedWeights_;
-    static unsigned long instances_;
+    static std::atomic<unsigned long> instances_;
 };
 
 class ZKCWorkerCLUT_3x3 : public ZKCWorkerCLUT_3xn {
@@ -165,7 +198,7 @@ public:
     ZKCWorkerCLUT_3x3(const ZKCWorkerCLUT_3x3&) = default;
     unsigned long OutputChannels() const override { return 3; }
     void Interpolate() override;
-    void InterpolateWith(ZKEClutKernel kernel) override;
+    void InterpolateWith(KERNEL_VARIANT variant) override;
 };
 
 class ZKCWorkerCLUT_3x3_InLAB : public ZKCWorkerCLUT_3x3 {
@@ -181,7 +214,7 @@ public:
     ZKCWorkerCLUT_3x4(const ZKCWorkerCLUT_3x4&) = default;
     unsigned long OutputChannels() const override { return 4; }
     void Interpolate() override;
-    void InterpolateWith(ZKEClutKernel kernel) override;
+    void InterpolateWith(KERNEL_VARIANT variant) override;
 };
 
 class ZKCWorkerCLUT_3x4_InLAB : public ZKCWorkerCLUT_3x4 {
@@ -197,7 +230,7 @@ public:
     ZKCWorkerCLUT_3x7(const ZKCWorkerCLUT_3x7&) = default;
     unsigned long OutputChannels() const override { return 7; }
     void Interpolate() override;
-    void InterpolateWith(ZKEClutKernel kernel) override;
+    void InterpolateWith(KERNEL_VARIANT variant) override;
 };
 
 // CIELAB input maps, but IsInLAB stays false: the driver then runs it under the
@@ -217,7 +250,7 @@ public:
     ZKCWorkerCLUT_4x3(const ZKCWorkerCLUT_4x3&) = default;
     unsigned long OutputChannels() const override { return 3; }
     void Interpolate() override;
-    void InterpolateWith(ZKEClutKernel kernel) override;
+    void InterpolateWith(KERNEL_VARIANT variant) override;
 };
 
 }  // namespace KELMA_NAMESPACE

@@ -1,13 +1,16 @@
 // Threaded CLUT driver: builds one CLUT worker of the right shape, clones it
-// once per processor (each thread interpolates with its own copy of the
-// table) and applies it to a pixel buffer split into contiguous slices.
+// once per processor and applies it to a pixel buffer split into contiguous
+// slices. The clones share the table itself (it is immutable once built), so
+// all threads read one copy that stays in every core's caches; each clone has
+// its own slice.
 //
 // Threads: construction, Init and Calculate's start and join run on the
-// caller's thread, and so does destruction. The workers of one input shape
-// share one weight table (1 MiB for three inputs, 64 MiB for four) that the
-// first worker creates and the last one frees, counted without locks: create
-// and destroy all CLUT drivers (and sub-model dispatchers) of a process on one
-// thread, never on two at once.
+// caller's thread, and so does destruction; one driver must not be used from
+// two threads at once. Different drivers (and sub-model dispatchers) may be
+// created, used and destroyed on different host threads at the same time: the
+// workers of one input shape share one weight table (1 MiB for three inputs,
+// 64 MiB for four) that is created under a lock by the first worker that needs
+// it and reference counted, so the last one to let go frees it, on any thread.
 #pragma once
 
 #include <cstddef>

@@ -11,9 +11,9 @@
 //  - the worker sorts its copy of the list, but never the values: input
 //    spectra must already be in the order of an ascending list. Pass the list
 //    strictly ascending; an unsorted list pairs values with wrong wavelengths.
-//    Equal neighbours make the spline system singular (non-finite output)
-//    and, at either end of the list, give the linear method a zero-width
-//    interval (division by zero: non-finite output there).
+//    Equal neighbours divide the spline by a zero interval (non-finite
+//    output) and, at either end of the list, give the linear method a
+//    zero-width interval (division by zero: non-finite output there).
 //
 // Output wavelengths outside the list are extrapolated, never read beyond it:
 // below the first knot from the first interval, at or above the last knot
@@ -29,9 +29,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "kelma/common/AlignedBuffer.h"
+#include "kelma/common/KernelVariant.h"
 #include "kelma/common/Types.h"
 
 namespace KELMA_NAMESPACE {
@@ -86,67 +88,55 @@ protected:
     std::uint32_t upper_[kSpectralValues];
 };
 
-// One cubic per interval in absolute wavelength,
-//   p_k(x) = a_k + b_k x + c_k x^2 + d_k x^3   (k = 0 .. n-2),
-// through the knots, with continuous first and second derivatives at interior
-// knots and zero slope at both ends (clamped, not natural). The system of
-// order m = 4 (n - 1) is LU-factorised with partial pivoting and inverted once
-// per worker at construction (a zero pivot is not reported: the inverse, and
-// so the output, becomes non-finite). Per spectrum the coefficients are the
-// inverse times the right-hand side, and out[i] = ((d lambda + c) lambda + b)
-// lambda + a in double, stored as float.
+// Clamped cubic spline: one cubic per interval through the knots, with
+// continuous first and second derivatives at interior knots and zero slope at
+// both ends (clamped, not natural); outside the list the first or last
+// interval's cubic is continued.
 //
-// The right-hand side is zero except at 2 (n - 1) fixed rows (each knot value
-// once or twice), and the 31 outputs use at most 31 intervals, so Calculate
-// multiplies only those columns into only those coefficient rows. Per
-// coefficient the products are summed in ascending column order, exactly as
-// the dense product does; the skipped terms are products of a finite inverse
-// entry with 0.0, which change no sum. Calculate therefore matches
-// CalculateReference bit for bit (for any finite inverse).
+// The spline is linear in the knot values, so each output is a fixed
+// combination of them: out[i] = sum over j of W[i][j] y[j]. The constructor
+// computes this 31 x n map once, in double, from the classic tridiagonal
+// system for the second derivatives M (Thomas algorithm; the system is
+// strictly diagonally dominant for strictly ascending knots, so no pivoting):
+//   with h_j = x[j+1] - x[j], for output wavelength v in interval k,
+//   a = x[k+1] - v, b = v - x[k], h = h_k:
+//   S(v) = (a y_k + b y_{k+1}) / h + (a^3 / h - a h) M_k / 6 + (b^3 / h - b h) M_{k+1} / 6,
+//   M = T^-1 R y  (T the n x n tridiagonal spline matrix, R the second
+//   differences of the knot values), and only the rows of T^-1 R for the
+//   knots the outputs use are formed (T is symmetric: row q of T^-1 is the
+//   solution of T z = e_q).
+// Building costs O(n) per used knot (at most 62) and 32 n doubles; each
+// spectrum costs 31 n multiply-adds (ResamplingMap.h), the same for every
+// list of the same length. The map reproduces the dense spline system of
+// absolute-wavelength cubics to well within 1e-5 (the same polynomials,
+// computed without its cancellation in x^3 ~ 3e8).
+//
+// A repeated wavelength divides by a zero interval: the map, and so the
+// output, becomes non-finite.
 class ZKCSpectralSampling_CubicSpline : public ZKCSpectralSampling_Linear {
 public:
+    // Also reads ActiveKernelVariant() for Calculate.
     explicit ZKCSpectralSampling_CubicSpline(const std::vector<double>& wavelengths);
 
+    // The map applied with the kernel chosen at construction.
     void Calculate() override;
-    // The same result by the literal dense method (full right-hand side, full
-    // inverse times it, every coefficient): the scalar reference of Calculate.
-    void CalculateReference();
+    // The same with another variant's kernel (the processor must run it);
+    // every kernel gives the same bits.
+    void CalculateWith(KERNEL_VARIANT variant);
 
-    unsigned int Order() const { return order_; }
-    // Row-major inverse of the system matrix, Order() x Order().
-    const std::vector<double>& Inverse() const { return inverse_; }
+    KERNEL_VARIANT Variant() const { return variant_; }
+    // Weight of input value j (sorted list) in output i.
+    double Weight(unsigned int i, std::size_t j) const { return map_.get()[j * kMapStride + i]; }
 
 private:
-    // Number of coefficient rows computed together (4 intervals).
-    static constexpr unsigned int kBlockRows = 16;
+    static constexpr std::size_t kMapStride = kSpectrumStride;
 
-    // Doubles in one cache line (the scratch padding).
-    static constexpr unsigned int kLineDoubles = 8;
-
-    unsigned int order_ = 0;
-    std::vector<double> inverse_;
-    // Dense coefficient vector of order m (reference path).
-    std::vector<double> coefficients_;
-
-    // Right-hand side rows that can be non-zero, ascending, and the knot whose
-    // value each one takes.
-    std::vector<std::uint32_t> rhsRows_;
-    std::vector<std::uint32_t> rhsKnots_;
-    // Intervals the outputs use (ascending, distinct) and, per output, its
-    // position in that list.
-    std::vector<std::uint32_t> usedIntervals_;
-    std::uint32_t outputSlot_[kSpectralValues];
-    // The inverse's entries for (used coefficient rows) x (rhsRows_), in
-    // blocks of kBlockRows rows: block b, rhs position p, row r of the block
-    // at ((b * P + p) * kBlockRows + r). Rows past the last used interval are 0.
-    AlignedBuffer<double> packed_;
-    unsigned int blocks_ = 0;
-    // Per-spectrum scratch, written for every spectrum: the right-hand side
-    // values, then the compact coefficients, with a cache line of padding on
-    // both sides so that workers on other cores never share a line with it.
-    AlignedBuffer<double> scratch_;
-    double* rhsValues_ = nullptr;
-    double* compactCoefficients_ = nullptr;
+    struct Free {
+        void operator()(double* p) const;
+    };
+    // n rows of kMapStride doubles (knot-major, output 31 = 0.0), 64-byte aligned.
+    std::unique_ptr<double[], Free> map_;
+    KERNEL_VARIANT variant_;
 };
 
 }  // namespace KELMA_NAMESPACE

@@ -24,7 +24,8 @@ class ZKCSpectralSampling_Base;
 class KELMA_API ZKCSpectralSampling_Thread {
 public:
     // One worker per processor (CPUCount()), each validating and preparing
-    // its own copy of the list (a spline worker inverts its own system).
+    // its own copy of the list (a spline worker builds its own 31 x n map,
+    // O(n) work per knot the outputs use; any list length is cheap).
     // Throws "Wavelength-list has less than 2 elements", "Invalid wavelength
     // range", or "DefaultCase" for a method other than linear (0) or cubic
     // spline (1).

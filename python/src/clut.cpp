@@ -18,10 +18,6 @@ namespace {
 using kelma::ZKCKELMA_SubModel_Dispatcher;
 using kelma::ZKCWorkerCLUT_Thread;
 
-// CLUT drivers share weight tables counted without locks: they are created
-// and destroyed one at a time, whichever Python thread asks.
-std::mutex g_clutLifetime;
-
 // The workers count pixels in 32 bits.
 constexpr std::size_t kMaxPixels = std::size_t(1) << 30;
 
@@ -31,19 +27,20 @@ unsigned GridPoints(long long n) {
     return static_cast<unsigned>(n);
 }
 
-// Refuses tables whose per-processor copies would not fit in memory, rather
-// than letting the process run out of it.
+// Refuses tables that would not fit in memory, rather than letting the
+// process run out of it. The driver's workers share one table: its cell
+// blocks (2^inputs corners per node) and, for four inputs, the node array.
 void CheckMemory(unsigned n, unsigned inputs, unsigned outputs, bool fromModel) {
     long double nodes = 1;
     for (unsigned i = 0; i < inputs; ++i) nodes *= n;
-    long double bytes = nodes * (1u << inputs) * outputs * (kelma::CPUCount() + 1);
+    long double bytes = nodes * ((1u << inputs) + 2) * outputs;
     if (fromModel) bytes += nodes * (kelma::kSpectrumStride * sizeof(float) + inputs + outputs);
     const long double physical =
         static_cast<long double>(::sysconf(_SC_PHYS_PAGES)) * static_cast<long double>(::sysconf(_SC_PAGE_SIZE));
     if (physical > 0 && bytes > physical / 2) {
         std::ostringstream s;
         s << "a " << inputs << "-input table of " << n << " points per axis needs about "
-          << static_cast<double>(bytes / (1 << 20)) << " MiB (one copy per processor), more than half of the "
+          << static_cast<double>(bytes / (1 << 20)) << " MiB, more than half of the "
           << static_cast<double>(physical / (1 << 20)) << " MiB of memory: use fewer grid points";
         PyErr_SetString(PyExc_MemoryError, s.str().c_str());
         throw py::error_already_set();
@@ -93,11 +90,6 @@ struct Clut {
     ModelPtr model;
     std::vector<std::uint8_t> nodes;
     Shape nodeShape;
-
-    ~Clut() {
-        std::lock_guard<std::mutex> lock(g_clutLifetime);
-        driver.reset();
-    }
 };
 
 using ClutPtr = std::shared_ptr<Clut>;
@@ -126,7 +118,6 @@ ClutPtr FromModel(const ModelPtr& model, long long gridPoints, const py::object&
     clut->grid = n;
     clut->model = use;
     py::gil_scoped_release release;
-    std::lock_guard<std::mutex> lock(g_clutLifetime);
     clut->driver = WithContext("a CLUT from a model needs a 4-ink model",
                                [&] { return std::make_unique<ZKCWorkerCLUT_Thread>(*use, kelma::CLUT_ACCURACY(n)); });
     return clut;
@@ -163,7 +154,6 @@ ClutPtr FromNodes(const py::object& nodesObj, bool inLab) {
     // them zeros there rather than memory beyond the caller's array.
     std::vector<std::uint8_t> padded(need, 0);
     std::copy_n(p, std::min(have, need), padded.data());
-    std::lock_guard<std::mutex> lock(g_clutLifetime);
     clut->driver = WithContext("nodes of shape (n,)*inputs + (outputs,)", [&] {
         return std::make_unique<ZKCWorkerCLUT_Thread>(padded.data(), inputs, outputs, kelma::CLUT_ACCURACY(n),
                                                       inLab);
@@ -217,7 +207,6 @@ struct Dispatcher {
     void Rebuild(F&& f) {
         py::gil_scoped_release release;
         std::lock_guard<std::mutex> lock(mutex);
-        std::lock_guard<std::mutex> lifetime(g_clutLifetime);
         f();
     }
 
@@ -226,11 +215,6 @@ struct Dispatcher {
         py::gil_scoped_release release;
         std::lock_guard<std::mutex> lock(mutex);
         f();
-    }
-
-    ~Dispatcher() {
-        std::lock_guard<std::mutex> lifetime(g_clutLifetime);
-        d.reset();
     }
 };
 

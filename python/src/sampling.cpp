@@ -14,8 +14,6 @@ namespace {
 
 constexpr unsigned kValues = kelma::kSpectralValues;
 constexpr unsigned kStride = kelma::kSpectrumStride;
-// The spline worker inverts a dense system of order 4 (n - 1) per processor.
-constexpr std::size_t kMaxSplineKnots = 1024;
 
 kelma::SPECTRALSAMPLING_METHOD Method(const std::string& name) {
     std::string m = name;
@@ -80,9 +78,6 @@ py::array_t<float> Resample(const py::object& spectraObj, const py::object& wave
         const std::string gap = kelma::SpectralCoverageProblem(w.data(), n);
         if (!gap.empty()) ThrowValue(gap);
     }
-    if (method == kelma::SPECTRALSAMPLING_CUBICSPLINE && n > kMaxSplineKnots)
-        ThrowValue("the spline takes at most " + std::to_string(kMaxSplineKnots) + " wavelengths, got " +
-                   std::to_string(n) + " (use method='linear' or thin the list)");
     // Checked in double, before single precision could turn 1e300 into inf.
     auto spectra = AsNumeric<double>(spectraObj, "spectra", kFloat | kInteger);
     Shape shape;
@@ -165,7 +160,7 @@ wavelengths: n strictly ascending wavelengths in nm (n >= 2), within
     300-1100 nm (micrometres or angstrom are refused with the factor to
     convert them).
 method: 'linear' (piecewise linear) or 'spline' (cubic spline with zero
-    slope at both ends; at most 1024 wavelengths).
+    slope at both ends).
 extrapolate: the list must reach to within 10 nm of 400 nm and of 700 nm;
     with extrapolate=True it need only start at or below 400 nm or end at or
     above 700 nm, and grid wavelengths outside it are extrapolated from its

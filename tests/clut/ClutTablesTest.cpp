@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <numeric>
 
@@ -145,13 +146,20 @@ TEST(ClutWeightTable, FactorTablesReproduceEveryRow) {
             ASSERT_EQ(t3.Row(r)[k], std::uint32_t{P[(r >> 5) * 4 + (k & 3)]} * A[(r & 31) * 8 + (k >> 2) * 4])
                 << r << " " << k;
 
+    // Four inputs, both factorings: pair rows P Q (SSSE3), and the three-input
+    // product P A times the axis-3 pair {32 - f3, f3} (node-major kernels).
     ZKCClutWeightTable t4(4);
     const ClutPairWeight* Q = t4.Pairs();
-    EXPECT_EQ(t4.AxisFactors(), nullptr);
+    const ClutPairWeight* A4 = t4.AxisFactors();
+    EXPECT_EQ(std::memcmp(A4, A, 32 * 8 * sizeof(ClutPairWeight)), 0);
     for (std::uint32_t r = 0; r < 1048576; ++r)
-        for (unsigned k = 0; k < 16; ++k)
+        for (unsigned k = 0; k < 16; ++k) {
             if (t4.Row(r)[k] != std::uint32_t{Q[(r >> 10) * 4 + (k & 3)]} * Q[(r & 1023) * 4 + (k >> 2)])
                 FAIL() << r << " " << k;
+            const std::uint32_t f2 = (r >> 5) & 31, f3 = r & 31;
+            const std::uint32_t threeInput = std::uint32_t{Q[(r >> 10) * 4 + (k & 3)]} * A4[f2 * 8 + ((k >> 2) & 1) * 4];
+            if (t4.Row(r)[k] != threeInput * (k >> 3 ? f3 : 32 - f3)) FAIL() << "node-major factoring " << r << " " << k;
+        }
 
     // SIMD layout: pair row fa 32 + fb = {(32-fa)(32-fb), fa(32-fb), (32-fa)fb, fa fb};
     // axis row f = {32 - f} x4, {f} x4.
@@ -180,7 +188,7 @@ TEST(ClutWeightTable, OneTablePerShapeSharedAndFreedWithTheLastWorker) {
         ZKCWorkerCLUT_3x3 a(nodes3.data(), CLUT_ACCURACY_5);
         EXPECT_EQ(ZKCWorkerCLUT_3xn::Instances(), 1u);
         ASSERT_NE(ZKCWorkerCLUT_3xn::SharedWeights(), nullptr);
-        EXPECT_EQ(&a.Weights(), ZKCWorkerCLUT_3xn::SharedWeights());
+        EXPECT_EQ(&a.Weights(), ZKCWorkerCLUT_3xn::SharedWeights().get());
         EXPECT_EQ(a.Weights().Inputs(), 3u);
         // A three-input worker leaves the 64 MiB four-input table alone.
         EXPECT_EQ(ZKCWorkerCLUT_4xn::SharedWeights(), nullptr);
@@ -195,13 +203,13 @@ TEST(ClutWeightTable, OneTablePerShapeSharedAndFreedWithTheLastWorker) {
             ZKCWorkerCLUT_4x3 d(c);
             EXPECT_EQ(ZKCWorkerCLUT_4xn::Instances(), 2u);
             EXPECT_EQ(ZKCWorkerCLUT_3xn::Instances(), 3u);
-            EXPECT_EQ(&c.Weights(), ZKCWorkerCLUT_4xn::SharedWeights());
+            EXPECT_EQ(&c.Weights(), ZKCWorkerCLUT_4xn::SharedWeights().get());
             EXPECT_EQ(&d.Weights(), &c.Weights());
             EXPECT_EQ(c.Weights().Inputs(), 4u);
         }
         EXPECT_EQ(ZKCWorkerCLUT_4xn::Instances(), 0u);
         EXPECT_EQ(ZKCWorkerCLUT_4xn::SharedWeights(), nullptr);
-        EXPECT_EQ(ZKCWorkerCLUT_3xn::SharedWeights(), &a.Weights());
+        EXPECT_EQ(ZKCWorkerCLUT_3xn::SharedWeights().get(), &a.Weights());
     }
     EXPECT_EQ(ZKCWorkerCLUT_3xn::Instances(), 0u);
     EXPECT_EQ(ZKCWorkerCLUT_3xn::SharedWeights(), nullptr);
@@ -229,12 +237,12 @@ TEST(ClutWeightTable, TheExtraLastRowIsNeverRead) {
         const std::size_t count = px.size() / w.InputChannels();
         std::vector<std::uint8_t> before(count * w.OutputChannels()), after(before.size());
         w.SetBuffers(px.data(), before.data(), count);
-        w.InterpolateWith(ZKEClutKernel::Reference);
+        w.InterpolateWith(KERNEL_REFERENCE);
         std::uint32_t* last = const_cast<std::uint32_t*>(table.Row(table.RowCount() - 1));
         std::vector<std::uint32_t> saved(last, last + table.Corners());
         std::fill(last, last + table.Corners(), 0x5A5A5A5Au);
         w.SetBuffers(px.data(), after.data(), count);
-        w.InterpolateWith(ZKEClutKernel::Reference);
+        w.InterpolateWith(KERNEL_REFERENCE);
         std::copy(saved.begin(), saved.end(), last);
         EXPECT_EQ(after, before) << w.InputChannels() << " inputs";
     };

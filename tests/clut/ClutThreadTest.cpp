@@ -26,7 +26,7 @@ std::vector<std::uint8_t> ReferenceResult(const ZKCWorkerCLUT_Base& prototype, c
     if (auto* p = dynamic_cast<const ZKCWorkerCLUT_3x4*>(&prototype)) w = std::make_unique<ZKCWorkerCLUT_3x4>(*p);
     if (auto* p = dynamic_cast<const ZKCWorkerCLUT_3x7*>(&prototype)) w = std::make_unique<ZKCWorkerCLUT_3x7>(*p);
     w->SetBuffers(px.data(), out.data(), px.size() / prototype.InputChannels());
-    w->InterpolateWith(ZKEClutKernel::Reference);
+    w->InterpolateWith(KERNEL_REFERENCE);
     return out;
 }
 
@@ -50,8 +50,16 @@ TEST(ClutThread, ChoosesTheWorkerClassByShape) {
             EXPECT_EQ(driver.Worker(i).OutputChannels(), c.out);
             EXPECT_EQ(driver.Worker(i).IsInLAB(), c.expectLab);
         }
-        // Every slot holds its own deep copy.
+        // Every slot holds its own worker; all read one copy of the table.
         EXPECT_NE(&driver.Worker(0), &driver.Worker(1));
+        const std::uint8_t* cells[2];
+        for (std::size_t i = 0; i < 2; ++i) {
+            if (c.in == 4)
+                cells[i] = dynamic_cast<const ZKCWorkerCLUT_4xn&>(driver.Worker(i)).CellBlock(0);
+            else
+                cells[i] = dynamic_cast<const ZKCWorkerCLUT_3xn&>(driver.Worker(i)).CellBlock(0);
+        }
+        EXPECT_EQ(cells[0], cells[1]);
     }
     // 3x7 with CIELAB maps answers false, but its maps are the CIELAB ones.
     auto nodes = clut_test::RandomNodes(17, 3, 7, 2);

@@ -1,4 +1,6 @@
 """CLUTs from node tables and from models, and the sub-model dispatcher."""
+import threading
+
 import numpy as np
 import pytest
 
@@ -61,6 +63,32 @@ class TestFromNodes:
         one = kelma.Clut.from_nodes(nodes).apply(pixels)
         kelma.set_cpu_count_override(5)
         np.testing.assert_array_equal(kelma.Clut.from_nodes(nodes).apply(pixels), one)
+
+    def test_python_threads_build_and_apply_cluts_at_once(self, rng):
+        # Builds release the GIL, so the threads' CLUTs are created and freed
+        # concurrently; every result must equal the one made alone.
+        tables = [smooth_nodes(5, 4, 3, rng), smooth_nodes(9, 3, 3, rng), smooth_nodes(3, 4, 3, rng),
+                  smooth_nodes(5, 3, 7, rng)]
+        pixels = {d: rng.integers(0, 256, (2000, d), dtype=np.uint8) for d in (3, 4)}
+        expected = [kelma.Clut.from_nodes(t).apply(pixels[t.ndim - 1]) for t in tables]
+        failures = []
+
+        def work(first):
+            try:
+                for i in range(40):
+                    k = (first + i) % len(tables)
+                    got = kelma.Clut.from_nodes(tables[k]).apply(pixels[tables[k].ndim - 1])
+                    if not np.array_equal(got, expected[k]):
+                        failures.append(k)
+            except Exception as e:  # reported below, on the test's thread
+                failures.append(e)
+
+        threads = [threading.Thread(target=work, args=(i,)) for i in range(3)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        assert failures == []
 
     def test_gil_is_released(self, rng):
         clut = kelma.Clut.from_nodes(smooth_nodes(17, 4, 3, rng))

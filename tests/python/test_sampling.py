@@ -55,7 +55,15 @@ class TestResample:
         y = rng.random((20, len(w)))
         got = kelma.resample(y, w, method="spline")
         expected = CubicSpline(w, y.astype(np.float32), axis=1, bc_type="clamped")(ref.WAVELENGTHS)
-        np.testing.assert_allclose(got, expected, rtol=0, atol=2e-5)
+        np.testing.assert_allclose(got, expected, rtol=0, atol=2e-7)
+
+    def test_spline_on_thousands_of_wavelengths(self, rng):
+        # Any list length costs one precomputed map: 4001 knots at 0.1 nm.
+        w = np.linspace(380.0, 780.0, 4001)
+        y = (0.5 + 0.3 * np.sin(w[None, :] / rng.uniform(5, 40, (50, 1)))).astype(np.float32)
+        got = kelma.resample(y, w, method="spline")
+        expected = CubicSpline(w, y.astype(np.float64), axis=1, bc_type="clamped")(ref.WAVELENGTHS)
+        np.testing.assert_allclose(got, expected, rtol=0, atol=2e-7)
 
     def test_thread_count_and_chunks_do_not_change_results(self, rng):
         w = np.arange(380.0, 731.0, 5.0)
