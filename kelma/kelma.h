@@ -34,3 +34,5 @@
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"
 #include "kelma/modelfile/ZKSModelFile.h"
+#include "kelma/profile/ZKCProfileConnection.h"
+#include "kelma/profile/ICCOutputProfile.h"

@@ -1,0 +1,110 @@
+// ICC profiles of a printer model, assembled with Little CMS (pipelines,
+// CLUT stages and tags; the file is serialised by Little CMS), so that colour
+// management engines and their tools (transicc, tificc) can use a model.
+//
+// Device side. The model's inks in the model's order, 8-bit device values
+// (0 = no ink, 255 = full coverage): ICC CMYK for 4 inks, the ICC n-colour
+// spaces 6CLR and 7CLR for 6 and 7 inks. PCS: CIELAB (D50), as
+// ZKCProfileConnection defines it from one illuminant of the model.
+//
+// Device-to-PCS tables (A2B0, A2B1, A2B2). One table serves all three tags
+// (A2B0 and A2B2 are linked to A2B1, ICC.1 tag sharing): the media-relative
+// PCS CIELAB the model predicts. The model has no perceptual rendering of its
+// own, so perceptual and saturation are the colorimetric table; the ICC v4
+// perceptual reference medium is not applied.
+//   pipeline: per-ink input curves (A curves) -> CLUT of G^N nodes, 16-bit
+//             -> identity output curves.
+//   nodes:    along each ink, G whole device values b_0 = 0 < ... < b_(G-1)
+//             = 255 at which the model is predicted exactly (PredictColorimetry
+//             and ZKCProfileConnection; no interpolation of the model).
+//             b_j = floor(255 j / (G - 1) + 1/2).
+//   curves:   256 entries, one per device value t: u(t) = (j + (t - b_j) /
+//             (b_(j+1) - b_j)) / (G - 1) for b_j <= t <= b_(j+1), so node j
+//             sits exactly at b_j and the curves are within half a device
+//             value of the identity. Encoded as round(65535 u).
+//   CLUT values: PCS CIELAB in the ICC's 16-bit encoding of the profile's
+//             version (v4: L* 0..100 onto 0..65535, a*, b* -128..127 onto
+//             0..65535; v2: the legacy encoding, L* 100 at 0xFF00, as
+//             lut16Type readers expect), through Little CMS
+//             (cmsFloat2LabEncoded, cmsFloat2LabEncodedV2).
+//   grid:     G is the largest count not above gridPoints with G^N <=
+//             kMaxDeviceTableNodes: gridPoints for 4 inks up to 45; a table
+//             of 6 or 7 inks cannot have 33 points per ink (33^7 nodes), so
+//             it gets at most 12 (6 inks) or 8 (7 inks), or
+//             multiInkGridPoints when that is set.
+//
+// Tags: desc (description), cprt (copyright), wtpt (the paper in the PCS,
+// ZKCProfileConnection::MediaWhitePoint), chad (v4 only: the chromatic
+// adaptation from the illuminant's white to D50), A2B0-2, targ (the
+// characterisation data, when given), clrt (v4 only: ink names and the PCS
+// CIELAB of each solid ink on the paper). Header: output device class,
+// profile version 4.3 or 2.1, rendering intent relative colorimetric, and
+// for v4 the profile ID (MD5).
+//
+// Texts: description and copyright are UTF-8, written as Unicode in v4; v2's
+// text types are ASCII, so there other characters become '?'. The
+// characterisation target is ASCII text (a CGATS file): other bytes become
+// '?'. Ink names longer than 31 bytes are cut (the colorant table's field).
+//
+// Failures: options out of range, and anything Little CMS refuses, throw
+// ZKCICCProfileError naming the option or Little CMS's message. The model
+// must have 4, 6 or 7 inks ("DefaultCase" from the prediction otherwise) and
+// the illuminant must exist ("Invalid IlluminantIndex").
+//
+// Threads: the model is predicted on the library's worker threads
+// (PredictColorimetry); the result does not depend on the thread count.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "kelma/common/Config.h"
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
+
+namespace KELMA_NAMESPACE {
+
+class KELMA_API ZKCICCProfileError : public std::runtime_error {
+public:
+    explicit ZKCICCProfileError(const std::string& message);
+    ~ZKCICCProfileError() override;
+};
+
+// Largest node count of a device-to-PCS table (16-bit CIELAB: 6 bytes a node).
+constexpr std::size_t kMaxDeviceTableNodes = std::size_t{1} << 22;
+
+struct KELMA_API ZKSICCProfileOptions {
+    // Index into the model's lighting matrix: the illuminant (and observer)
+    // of the profile's colorimetry.
+    unsigned int illuminant = 0;
+    // Nodes per axis of the tables, 2..255.
+    unsigned int gridPoints = 33;
+    // Nodes per ink of the device-to-PCS table of 6 and 7 inks (2..255, and
+    // at most kMaxDeviceTableNodes nodes in all); 0: chosen as above.
+    unsigned int multiInkGridPoints = 0;
+    // 4 (ICC.1:2010, version 4.3) or 2 (version 2.1).
+    unsigned int iccVersion = 4;
+    std::string description = "kelma printer model";
+    std::string copyright = "No copyright, use freely";
+    // The measurement data the model came from (a CGATS text), written as
+    // the characterisation target tag; empty: no tag.
+    std::string characterizationTarget;
+    // One name per ink for the colorant table; empty: "ink 1", "ink 2", ...
+    std::vector<std::string> inkNames;
+};
+
+// Nodes per ink of the device-to-PCS table these options give a model of
+// `inks` inks (checks the options).
+KELMA_API unsigned int DeviceTableGridPoints(unsigned int inks, const ZKSICCProfileOptions& options);
+
+// The device-to-PCS half of the output profile: header, desc, cprt, wtpt,
+// chad, A2B0-2, targ and clrt as above, and no colour-to-device tables. Little
+// CMS and other engines use it as the source profile of a transform (a soft
+// proof, converting device values to CIELAB or to a display); it is not a
+// complete output profile. The ICC file's bytes.
+KELMA_API std::vector<unsigned char> ICCProofProfile(const ZKCSSE_KELMA_Data& model,
+                                                     const ZKSICCProfileOptions& options);
+
+}  // namespace KELMA_NAMESPACE
