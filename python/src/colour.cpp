@@ -76,6 +76,8 @@ py::array_t<double> PerTriple(const py::object& x, const char* xName, const py::
     return out;
 }
 
+}  // namespace
+
 // An illuminant argument: an index of the model's lighting matrix or the name
 // of a standard illuminant the model holds.
 unsigned IlluminantArgument(const ZKCSSE_KELMA_Data& model, const py::object& illuminant) {
@@ -107,6 +109,8 @@ unsigned IlluminantArgument(const ZKCSSE_KELMA_Data& model, const py::object& il
                    py::str(index).cast<std::string>() + "; the model's illuminants are " + holds());
     return index.cast<unsigned>();
 }
+
+namespace {
 
 bool FlagArgument(const py::object& flag, const char* name) {
     if (!py::isinstance<py::bool_>(flag) && !py::isinstance(flag, py::module_::import("numpy").attr("bool_")))
