@@ -89,11 +89,13 @@ void WriteDeviceToPCS(const LittleCMSContext& lcms, cmsHPROFILE profile, const Z
                       const ZKSICCProfileOptions& options, const ZKCProfileConnection& pcs) {
     const unsigned int N = model.NumberOfInks();
     const unsigned int points = DeviceTableGridPoints(N, options);
-    const ZKSDeviceAxis axis = DeviceAxis(points);
-    const std::vector<std::uint16_t> table = DeviceToPCSTable(model, options.illuminant, pcs, axis, options.iccVersion);
+    std::vector<ZKSDeviceAxis> axes;
+    for (unsigned int i = 0; i < N; ++i)
+        axes.push_back(ModelDeviceAxis(model, i, points));
+    const std::vector<std::uint16_t> table = DeviceToPCSTable(model, options.illuminant, pcs, axes, options.iccVersion);
 
     std::vector<std::uint16_t> curves;
-    for (unsigned int i = 0; i < N; ++i) curves.insert(curves.end(), axis.curve.begin(), axis.curve.end());
+    for (unsigned int i = 0; i < N; ++i) curves.insert(curves.end(), axes[i].curve.begin(), axes[i].curve.end());
     PipelinePtr pipeline(lcms.Check(cmsPipelineAlloc(lcms.Get(), N, 3), "allocating a pipeline"));
     StagePtr input = TabulatedCurves(lcms, N, curves);
     StagePtr clut(lcms.Check(cmsStageAllocCLut16bit(lcms.Get(), points, N, 3, table.data()), "allocating the table"));

@@ -16,12 +16,27 @@
 //             -> identity output curves.
 //   nodes:    along each ink, G whole device values b_0 = 0 < ... < b_(G-1)
 //             = 255 at which the model is predicted exactly (PredictColorimetry
-//             and ZKCProfileConnection; no interpolation of the model).
-//             b_j = floor(255 j / (G - 1) + 1/2).
-//   curves:   256 entries, one per device value t: u(t) = (j + (t - b_j) /
-//             (b_(j+1) - b_j)) / (G - 1) for b_j <= t <= b_(j+1), so node j
-//             sits exactly at b_j and the curves are within half a device
-//             value of the identity. Encoded as round(65535 u).
+//             and ZKCProfileConnection; no interpolation of the model). They
+//             follow the model's own coordinate along the ink, m(t) = cell +
+//             weight of its ramp lookup table (ZKSSSE_EffectiveRampEntry: 0 at
+//             the first grid level, 1 at the second, ..., G_model - 1 at 255):
+//             the model's grid levels are nodes; each model cell gets an equal
+//             share of the G - 1 intervals, the remainder going to the cells
+//             widest in device values; inside a cell of s intervals node k is
+//             the device value whose m is nearest to cell + k / s (distinct).
+//   curves:   256 entries, one per device value t: u(t) = (j + (m(t) -
+//             m(b_j)) / (m(b_(j+1)) - m(b_j))) / (G - 1) for b_j <= t <=
+//             b_(j+1), encoded as round(65535 u). Node j sits exactly at b_j,
+//             and between nodes the table interpolates in the model's
+//             coordinate, in which the model is multilinear before its
+//             Yule-Nielsen power: with 33 nodes the press model's A2B is
+//             within 0.003 CIEDE2000 (mean over its chart) of the model,
+//             against 0.05 with nodes and curves uniform in device values.
+//             Where m does not rise between two nodes (a flat ramp) u is
+//             linear in t there. When the table has fewer intervals than the
+//             model has cells, or a cell fewer device values than intervals,
+//             the axis is uniform: b_j = floor(255 j / (G - 1) + 1/2), u
+//             linear in t.
 //   CLUT values: PCS CIELAB in the ICC's 16-bit encoding of the profile's
 //             version (v4: L* 0..100 onto 0..65535, a*, b* -128..127 onto
 //             0..65535; v2: the legacy encoding, L* 100 at 0xFF00, as

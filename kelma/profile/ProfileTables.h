@@ -13,19 +13,25 @@
 namespace KELMA_NAMESPACE {
 namespace profile {
 
-// One ink axis of a device table of `points` nodes (2..256).
+// One ink axis of a device table of `points` nodes (2..256): the device
+// values of the nodes and the input curve that puts node j at j / (points - 1).
 struct ZKSDeviceAxis {
     std::vector<unsigned char> nodes;  // b_j: strictly ascending, 0 first, 255 last
     std::vector<std::uint16_t> curve;  // 256 entries, round(65535 u(t))
 };
 
-ZKSDeviceAxis DeviceAxis(unsigned int points);
+// Nodes and curve uniform in device values.
+ZKSDeviceAxis UniformDeviceAxis(unsigned int points);
+// Nodes and curve in the model's own coordinate along the ink, or the
+// uniform axis where that cannot be had (ICCOutputProfile.h).
+ZKSDeviceAxis ModelDeviceAxis(const ZKCSSE_KELMA_Data& model, unsigned int ink, unsigned int points);
 
-// The CLUT of the device-to-PCS table: points^N nodes, ink 0 slowest (Little
+// The CLUT of the device-to-PCS table on one axis per ink (all of the same
+// number of nodes, `points`): points^N nodes, ink 0 slowest (Little
 // CMS's order), 3 16-bit values each: the PCS CIELAB (media-relative) of
 // the model at the node's device values, in the ICC encoding of iccVersion.
 std::vector<std::uint16_t> DeviceToPCSTable(const ZKCSSE_KELMA_Data& model, unsigned int illuminant,
-                                            const ZKCProfileConnection& pcs, const ZKSDeviceAxis& axis,
+                                            const ZKCProfileConnection& pcs, const std::vector<ZKSDeviceAxis>& axes,
                                             unsigned int iccVersion);
 
 // PCS CIELAB to its 16-bit ICC encoding (v4 or the v2 legacy one), by Little
