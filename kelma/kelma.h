@@ -34,5 +34,6 @@
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"
 #include "kelma/modelfile/ZKSModelFile.h"
+#include "kelma/separation/ZKCSeparation.h"
 #include "kelma/profile/ZKCProfileConnection.h"
 #include "kelma/profile/ICCOutputProfile.h"
