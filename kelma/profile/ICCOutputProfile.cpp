@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <string>
 
+#include "kelma/common/AtomicFile.h"
 #include "kelma/prediction/PredictColorimetry.h"
 #include "kelma/profile/LittleCMSProfile.h"
 #include "kelma/profile/ProfileTables.h"
 #include "kelma/profile/ZKCProfileConnection.h"
+#include "kelma/separation/ZKCSeparation.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -85,6 +87,24 @@ ProfilePtr CommonProfile(const LittleCMSContext& lcms, const ZKCSSE_KELMA_Data& 
     return profile;
 }
 
+// A pipeline of input curves, a 16-bit CLUT and identity output curves (the
+// form both lut16Type and the v4 lutAtoB / lutBtoA types hold).
+PipelinePtr CurvesTablePipeline(const LittleCMSContext& lcms, unsigned int inputs, unsigned int outputs,
+                                const std::vector<std::uint16_t>& curves, const std::vector<cmsUInt32Number>& points,
+                                const std::vector<std::uint16_t>& table) {
+    PipelinePtr pipeline(lcms.Check(cmsPipelineAlloc(lcms.Get(), inputs, outputs), "allocating a pipeline"));
+    StagePtr input = TabulatedCurves(lcms, inputs, curves);
+    StagePtr clut(lcms.Check(cmsStageAllocCLut16bitGranular(lcms.Get(), points.data(), inputs, outputs, table.data()),
+                             "allocating a table"));
+    StagePtr output = IdentityCurves(lcms, outputs);
+    // The pipeline owns each stage once it is inserted.
+    for (StagePtr* stage : {&input, &clut, &output}) {
+        lcms.Check(cmsPipelineInsertStage(pipeline.get(), cmsAT_END, stage->get()), "building a pipeline");
+        stage->release();
+    }
+    return pipeline;
+}
+
 void WriteDeviceToPCS(const LittleCMSContext& lcms, cmsHPROFILE profile, const ZKCSSE_KELMA_Data& model,
                       const ZKSICCProfileOptions& options, const ZKCProfileConnection& pcs) {
     const unsigned int N = model.NumberOfInks();
@@ -96,21 +116,30 @@ void WriteDeviceToPCS(const LittleCMSContext& lcms, cmsHPROFILE profile, const Z
 
     std::vector<std::uint16_t> curves;
     for (unsigned int i = 0; i < N; ++i) curves.insert(curves.end(), axes[i].curve.begin(), axes[i].curve.end());
-    PipelinePtr pipeline(lcms.Check(cmsPipelineAlloc(lcms.Get(), N, 3), "allocating a pipeline"));
-    StagePtr input = TabulatedCurves(lcms, N, curves);
-    StagePtr clut(lcms.Check(cmsStageAllocCLut16bit(lcms.Get(), points, N, 3, table.data()), "allocating the table"));
-    StagePtr output = IdentityCurves(lcms, 3);
-    // The pipeline owns each stage once it is inserted.
-    lcms.Check(cmsPipelineInsertStage(pipeline.get(), cmsAT_END, input.get()), "building the pipeline");
-    input.release();
-    lcms.Check(cmsPipelineInsertStage(pipeline.get(), cmsAT_END, clut.get()), "building the pipeline");
-    clut.release();
-    lcms.Check(cmsPipelineInsertStage(pipeline.get(), cmsAT_END, output.get()), "building the pipeline");
-    output.release();
-
+    PipelinePtr pipeline = CurvesTablePipeline(lcms, N, 3, curves, std::vector<cmsUInt32Number>(N, points), table);
     lcms.Check(cmsWriteTag(profile, cmsSigAToB1Tag, pipeline.get()), "writing A2B1");
     lcms.Check(cmsLinkTag(profile, cmsSigAToB0Tag, cmsSigAToB1Tag), "linking A2B0");
     lcms.Check(cmsLinkTag(profile, cmsSigAToB2Tag, cmsSigAToB1Tag), "linking A2B2");
+}
+
+void WriteColourToDevice(const LittleCMSContext& lcms, cmsHPROFILE profile, const ZKCSSE_KELMA_Data& model,
+                         const ZKSICCProfileOptions& options, const ZKCProfileConnection& pcs) {
+    const ZKCSeparation separation(model, options.separation, options.illuminant, true);
+    ZKSPCSAxis axes[3];
+    std::vector<std::uint16_t> curves;
+    for (unsigned int c = 0; c < 3; ++c) {
+        axes[c] = PCSAxis(c, options.gridPoints, options.iccVersion);
+        curves.insert(curves.end(), axes[c].curve.begin(), axes[c].curve.end());
+    }
+    const ZKSColourToDeviceTables tables = ColourToDeviceTables(separation, pcs, options.gridPoints, options.iccVersion);
+    const std::vector<cmsUInt32Number> points(3, options.gridPoints);
+    const unsigned int N = model.NumberOfInks();
+    PipelinePtr b2a = CurvesTablePipeline(lcms, 3, N, curves, points, tables.inks);
+    lcms.Check(cmsWriteTag(profile, cmsSigBToA1Tag, b2a.get()), "writing B2A1");
+    lcms.Check(cmsLinkTag(profile, cmsSigBToA0Tag, cmsSigBToA1Tag), "linking B2A0");
+    lcms.Check(cmsLinkTag(profile, cmsSigBToA2Tag, cmsSigBToA1Tag), "linking B2A2");
+    PipelinePtr gamut = CurvesTablePipeline(lcms, 3, 1, curves, points, tables.gamut);
+    lcms.Check(cmsWriteTag(profile, cmsSigGamutTag, gamut.get()), "writing gamt");
 }
 
 }  // namespace
@@ -136,6 +165,22 @@ std::vector<unsigned char> ICCProofProfile(const ZKCSSE_KELMA_Data& model, const
     ProfilePtr profile = CommonProfile(lcms, model, options, pcs);
     WriteDeviceToPCS(lcms, profile.get(), model, options, pcs);
     return ProfileBytes(lcms, profile.get(), options.iccVersion);
+}
+
+std::vector<unsigned char> ICCOutputProfile(const ZKCSSE_KELMA_Data& model, const ZKSICCProfileOptions& options) {
+    CheckOptions(options);
+    const ZKCProfileConnection pcs(model, options.illuminant);
+    LittleCMSContext lcms;
+    ProfilePtr profile = CommonProfile(lcms, model, options, pcs);
+    WriteDeviceToPCS(lcms, profile.get(), model, options, pcs);
+    WriteColourToDevice(lcms, profile.get(), model, options, pcs);
+    return ProfileBytes(lcms, profile.get(), options.iccVersion);
+}
+
+void WriteICCOutputProfile(const std::string& path, const ZKCSSE_KELMA_Data& model,
+                           const ZKSICCProfileOptions& options) {
+    const std::vector<unsigned char> bytes = ICCOutputProfile(model, options);
+    WriteFileAtomically(path, std::string(bytes.begin(), bytes.end()));
 }
 
 }  // namespace KELMA_NAMESPACE

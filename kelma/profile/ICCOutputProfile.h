@@ -48,9 +48,41 @@
 //             it gets at most 12 (6 inks) or 8 (7 inks), or
 //             multiInkGridPoints when that is set.
 //
+// PCS-to-device tables (B2A0, B2A1, B2A2; one table, B2A0 and B2A2 linked
+// to B2A1), from the library's separation (ZKCSeparation) of the model under
+// options.separation (total coverage, maximum black, GCR or black length and
+// width), for the profile's illuminant, relative to the paper:
+//   pipeline: input curves (B curves) -> CLUT of G^3 nodes (G = gridPoints),
+//             N 16-bit inks per node -> identity output curves.
+//   nodes:    L* (slowest), a*, b* in the ICC encoding of the version: node g
+//             at encoded position g / (G - 1) for L* (v4: L* = 100 g / (G -
+//             1)); for a* and b* of an odd G the curve is piecewise linear
+//             with a* = 0 on the middle node, -128 on the first and the
+//             largest encodable value (v4: 127, v2: 127.996) on the last,
+//             the nodes evenly spread on either side (v4, 33 points: -128,
+//             -120, ..., -8, 0, 7.94, ..., 127), so neutral colours fall on
+//             nodes; an even G gets identity curves. Curves: 4096 entries.
+//   values:   each node's PCS colour is taken to the model's paper-relative
+//             CIELAB (ZKCProfileConnection::PCSLabToModelLab) and separated
+//             (ZKCSeparation::Analyse): in-gamut colours reproduced, others
+//             gamut-mapped by method 0 (the most chromatic reproducible colour
+//             of the target's lightness and hue). The node holds the
+//             continuous solution, 257 x ink bytes, rounded (rounded down
+//             where rounding would take the sum above the total limit), so
+//             every node meets the total and black limits; an engine's
+//             interpolated and rounded 8-bit outputs may exceed the total
+//             limit by rounding, at most half a byte per ink.
+//   The separation has no perceptual rendering: perceptual and saturation
+//   are the colorimetric table.
+// Gamut tag (gamt): the same curves and grid, one 16-bit output: 0 where the
+// separation's gamut test finds the node's colour reproducible, else the
+// distance to its mapped colour, 65535 per 100 Delta E*ab (at least 1):
+// colours inside the gamut by a cell read 0, colours outside read more than 0.
+//
 // Tags: desc (description), cprt (copyright), wtpt (the paper in the PCS,
 // ZKCProfileConnection::MediaWhitePoint), chad (v4 only: the chromatic
-// adaptation from the illuminant's white to D50), A2B0-2, targ (the
+// adaptation from the illuminant's white to D50), A2B0-2, B2A0-2 and gamt
+// (the output profile), targ (the
 // characterisation data, when given), clrt (v4 only: ink names and the PCS
 // CIELAB of each solid ink on the paper). Header: output device class,
 // profile version 4.3 or 2.1, rendering intent relative colorimetric, and
@@ -63,11 +95,13 @@
 //
 // Failures: options out of range, and anything Little CMS refuses, throw
 // ZKCICCProfileError naming the option or Little CMS's message. The model
-// must have 4, 6 or 7 inks ("DefaultCase" from the prediction otherwise) and
-// the illuminant must exist ("Invalid IlluminantIndex").
+// must have 4, 6 or 7 inks ("DefaultCase" from the prediction otherwise), the
+// illuminant must exist ("Invalid IlluminantIndex") and the separation must
+// accept its parameters (its texts, e.g. "Limits leave no gamut").
 //
-// Threads: the model is predicted on the library's worker threads
-// (PredictColorimetry); the result does not depend on the thread count.
+// Threads: the model is predicted and separated on the library's worker
+// threads (PredictColorimetry, ZKCSeparation); the tables do not depend on
+// the thread count.
 #pragma once
 
 #include <cstddef>
@@ -76,6 +110,7 @@
 #include <string>
 #include <vector>
 
+#include "kelma/clut/ZKCUserParameter_Output.h"
 #include "kelma/common/Config.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 
@@ -101,6 +136,9 @@ struct KELMA_API ZKSICCProfileOptions {
     unsigned int multiInkGridPoints = 0;
     // 4 (ICC.1:2010, version 4.3) or 2 (version 2.1).
     unsigned int iccVersion = 4;
+    // The colour-to-device tables' separation: ColorantCoverage, MaxBlack
+    // (percent), GCR or BlackLength / BlackWidth, GamutMapperMethod 0.
+    ZKCUserParameter_Output separation;
     std::string description = "kelma printer model";
     std::string copyright = "No copyright, use freely";
     // The measurement data the model came from (a CGATS text), written as
@@ -121,5 +159,14 @@ KELMA_API unsigned int DeviceTableGridPoints(unsigned int inks, const ZKSICCProf
 // complete output profile. The ICC file's bytes.
 KELMA_API std::vector<unsigned char> ICCProofProfile(const ZKCSSE_KELMA_Data& model,
                                                      const ZKSICCProfileOptions& options);
+
+// The complete output profile: ICCProofProfile's tags and B2A0-2 and gamt
+// from the separation. The ICC file's bytes.
+KELMA_API std::vector<unsigned char> ICCOutputProfile(const ZKCSSE_KELMA_Data& model,
+                                                      const ZKSICCProfileOptions& options);
+// ICCOutputProfile written to exactly `path`, atomically (WriteFileAtomically:
+// ZKCFileWriteError naming the file when it cannot be written).
+KELMA_API void WriteICCOutputProfile(const std::string& path, const ZKCSSE_KELMA_Data& model,
+                                     const ZKSICCProfileOptions& options);
 
 }  // namespace KELMA_NAMESPACE

@@ -149,5 +149,112 @@ std::vector<std::uint16_t> DeviceToPCSTable(const ZKCSSE_KELMA_Data& model, unsi
     return table;
 }
 
+namespace {
+
+// A component's value at encoded position x in [0, 1] (x = 16-bit value /
+// 65535) and back: v4 L* = 100 x, a* = 255 x - 128; v2 L* = 100 x 65535 /
+// 65280, a* = x 65535 / 256 - 128.
+double Decode(unsigned int component, double x, unsigned int iccVersion) {
+    if (component == 0) return iccVersion == 2 ? 100.0 * x * 65535.0 / 65280.0 : 100.0 * x;
+    return iccVersion == 2 ? x * 65535.0 / 256.0 - 128.0 : 255.0 * x - 128.0;
+}
+
+double Encode(unsigned int component, double v, unsigned int iccVersion) {
+    if (component == 0) return iccVersion == 2 ? v / 100.0 * 65280.0 / 65535.0 : v / 100.0;
+    return iccVersion == 2 ? (v + 128.0) * 256.0 / 65535.0 : (v + 128.0) / 255.0;
+}
+
+constexpr unsigned int kPCSCurveEntries = 4096;
+
+}  // namespace
+
+namespace {
+
+// Encoded position x of grid position y in [0, 1] along a PCS axis, and the
+// inverse (the input curve): identity, except for a* and b* of an odd grid,
+// piecewise linear with a* = 0 (x0) at the middle.
+struct AxisMap {
+    bool split;
+    double x0;
+    AxisMap(unsigned int component, unsigned int points, unsigned int iccVersion)
+        : split(component != 0 && points % 2 == 1), x0(Encode(component, 0.0, iccVersion)) {}
+    double Position(double y) const {
+        if (!split) return y;
+        return y <= 0.5 ? x0 * y / 0.5 : x0 + (1.0 - x0) * (y - 0.5) / 0.5;
+    }
+    double Grid(double x) const {
+        if (!split) return x;
+        return x <= x0 ? 0.5 * x / x0 : 0.5 + 0.5 * (x - x0) / (1.0 - x0);
+    }
+};
+
+}  // namespace
+
+double PCSAxisValue(unsigned int component, double position, unsigned int points, unsigned int iccVersion) {
+    const AxisMap map(component, points, iccVersion);
+    const double y = position / (points - 1);
+    // The middle node exactly at 0 (no rounding through the encoding).
+    if (map.split && 2.0 * position == points - 1) return 0.0;
+    return Decode(component, map.Position(y), iccVersion);
+}
+
+ZKSPCSAxis PCSAxis(unsigned int component, unsigned int points, unsigned int iccVersion) {
+    ZKSPCSAxis axis;
+    const AxisMap map(component, points, iccVersion);
+    for (unsigned int g = 0; g < points; ++g) axis.nodes.push_back(PCSAxisValue(component, g, points, iccVersion));
+    for (unsigned int k = 0; k < kPCSCurveEntries; ++k) {
+        const double y = map.Grid(double(k) / (kPCSCurveEntries - 1));
+        axis.curve.push_back(static_cast<std::uint16_t>(std::floor(65535.0 * y + 0.5)));
+    }
+    return axis;
+}
+
+ZKSColourToDeviceTables ColourToDeviceTables(const ZKCSeparation& separation, const ZKCProfileConnection& pcs,
+                                             unsigned int points, unsigned int iccVersion) {
+    const unsigned int N = separation.NumberOfInks();
+    // The PCS colour of a grid position as the separation sees it: the
+    // model's paper-relative CIELAB.
+    const ZKCSeparation::GridColour colourAt = [&](const double* position, double* modelLab) {
+        double lab[3];
+        for (unsigned int c = 0; c < 3; ++c) lab[c] = PCSAxisValue(c, position[c], points, iccVersion);
+        pcs.PCSLabToModelLab(lab, modelLab, 1);
+    };
+    std::vector<ZKSSeparationResult> nodes;
+    const std::vector<double> values = separation.NodeValues(points, colourAt, &nodes);
+
+    ZKSColourToDeviceTables t;
+    const std::size_t total = nodes.size();
+    t.inks.resize(total * N);
+    t.gamut.resize(total);
+    t.inGamut.resize(total);
+    const double limit = 257.0 * separation.TotalLimit();
+    for (std::size_t node = 0; node < total; ++node) {
+        // 257 per byte (255 -> 65535), rounded; rounded down where rounding
+        // would take the sum over the total limit.
+        const double* v = &values[node * N];
+        double sum = 0;
+        for (unsigned int i = 0; i < N; ++i) sum += std::floor(257.0 * v[i] + 0.5);
+        const bool down = sum > limit;
+        for (unsigned int i = 0; i < N; ++i) {
+            const double scaled = 257.0 * v[i];
+            const double w = std::min(65535.0, std::max(0.0, down ? std::floor(scaled) : std::floor(scaled + 0.5)));
+            t.inks[node * N + i] = static_cast<std::uint16_t>(w);
+        }
+        const ZKSSeparationResult& r = nodes[node];
+        t.inGamut[node] = r.inGamut;
+        if (r.inGamut) continue;
+        const double position[3] = {double(node / (points * points)), double(node / points % points),
+                                    double(node % points)};
+        double target[3];
+        colourAt(position, target);
+        double d = 0;
+        for (int c = 0; c < 3; ++c) d += (r.mapped[c] - target[c]) * (r.mapped[c] - target[c]);
+        // Distance to the mapped colour, 65535 per 100 Delta E*ab, never 0.
+        const double g = std::ceil(65535.0 * std::min(1.0, std::sqrt(d) / 100.0));
+        t.gamut[node] = static_cast<std::uint16_t>(std::max(1.0, g));
+    }
+    return t;
+}
+
 }  // namespace profile
 }  // namespace KELMA_NAMESPACE

@@ -1,6 +1,6 @@
-// Internal: the device-to-PCS table of an ICC profile of a model (the nodes,
-// input curves and CLUT values that ICCOutputProfile.h describes), built
-// without Little CMS so that tests can check it value by value.
+// Internal: the tables of an ICC profile of a model (the nodes, input curves
+// and CLUT values that ICCOutputProfile.h describes), computed without Little
+// CMS so that tests can check them value by value.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +9,7 @@
 
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 #include "kelma/profile/ZKCProfileConnection.h"
+#include "kelma/separation/ZKCSeparation.h"
 
 namespace KELMA_NAMESPACE {
 namespace profile {
@@ -33,6 +34,30 @@ ZKSDeviceAxis ModelDeviceAxis(const ZKCSSE_KELMA_Data& model, unsigned int ink, 
 std::vector<std::uint16_t> DeviceToPCSTable(const ZKCSSE_KELMA_Data& model, unsigned int illuminant,
                                             const ZKCProfileConnection& pcs, const std::vector<ZKSDeviceAxis>& axes,
                                             unsigned int iccVersion);
+
+// One PCS axis (component 0 = L*, 1 = a*, 2 = b*) of a colour-to-device or
+// gamut table of `points` nodes (2..255) in the ICC encoding of iccVersion.
+struct ZKSPCSAxis {
+    std::vector<double> nodes;         // the component's value at node g
+    std::vector<std::uint16_t> curve;  // 4096 entries, the input curve
+};
+
+ZKSPCSAxis PCSAxis(unsigned int component, unsigned int points, unsigned int iccVersion);
+// The component's value at a grid position (0 .. points - 1, fractional
+// between nodes): what the input curve maps there.
+double PCSAxisValue(unsigned int component, double position, unsigned int points, unsigned int iccVersion);
+
+// The colour-to-device table (points^3 nodes, L* slowest, N 16-bit inks
+// each; ZKCSeparation::NodeValues on the PCS grid) and the gamut table (one
+// 16-bit value per node) on the PCS axes of `points` nodes.
+struct ZKSColourToDeviceTables {
+    std::vector<std::uint16_t> inks;
+    std::vector<std::uint16_t> gamut;
+    std::vector<bool> inGamut;  // per node: the separation's gamut test
+};
+
+ZKSColourToDeviceTables ColourToDeviceTables(const ZKCSeparation& separation, const ZKCProfileConnection& pcs,
+                                             unsigned int points, unsigned int iccVersion);
 
 // PCS CIELAB to its 16-bit ICC encoding (v4 or the v2 legacy one), by Little
 // CMS; out-of-range values are clamped to the encodable range.
