@@ -65,6 +65,38 @@ py::bytes Bytes(const std::vector<unsigned char>& v) {
     return py::bytes(reinterpret_cast<const char*>(v.data()), v.size());
 }
 
+// The separation of the colour-to-device tables (as kelma.Separation checks
+// it): total coverage and maximum black in percent, GCR, or black length and
+// width (either selects that mode).
+void SeparationArguments(const kelma::ZKCSSE_KELMA_Data& model, const py::object& totalCoverage,
+                         const py::object& maxBlack, const py::object& gcr, const py::object& blackLength,
+                         const py::object& blackWidth, kelma::ZKCUserParameter_Output* p) {
+    const unsigned N = model.NumberOfInks();
+    const unsigned coverage = WholeNumber(totalCoverage, "total_coverage", 0, 100LL * N);
+    if (coverage == 0)
+        ThrowValue("total_coverage=0 leaves no gamut: nothing but the paper is reachable; give at least 1 (percent)");
+    p->SetColorantCoverage(coverage);
+    p->SetMaxBlack(WholeNumber(maxBlack, "max_black", 0, 100));
+    p->SetGCR(WholeNumber(gcr, "gcr", 0, 100));
+    if (!blackLength.is_none() || !blackWidth.is_none()) {
+        p->SetBlackLength(blackLength.is_none() ? 0 : WholeNumber(blackLength, "black_length", 0, 100));
+        p->SetBlackWidth(blackWidth.is_none() ? 0 : WholeNumber(blackWidth, "black_width", 0, 100));
+    }
+}
+
+kelma::ZKSICCProfileOptions OutputOptions(const kelma::ZKCSSE_KELMA_Data& model, const py::object& illuminant,
+                                          const py::object& totalCoverage, const py::object& maxBlack,
+                                          const py::object& gcr, const py::object& blackLength,
+                                          const py::object& blackWidth, const py::object& gridPoints,
+                                          const py::object& iccVersion, const py::object& description,
+                                          const py::object& copyright, const py::object& target,
+                                          const py::object& inkNames) {
+    kelma::ZKSICCProfileOptions o =
+        ProfileOptions(model, illuminant, gridPoints, iccVersion, description, copyright, target, inkNames);
+    SeparationArguments(model, totalCoverage, maxBlack, gcr, blackLength, blackWidth, &o.separation);
+    return o;
+}
+
 py::bytes ProofProfile(const ModelPtr& model, const py::object& illuminant, const py::object& gridPoints,
                        const py::object& iccVersion, const py::object& description, const py::object& copyright,
                        const py::object& target, const py::object& inkNames) {
@@ -76,6 +108,38 @@ py::bytes ProofProfile(const ModelPtr& model, const py::object& illuminant, cons
         bytes = WithContext("kelma.icc_proof_profile", [&] { return kelma::ICCProofProfile(*model, o); });
     }
     return Bytes(bytes);
+}
+
+py::bytes OutputProfile(const ModelPtr& model, const py::object& illuminant, const py::object& totalCoverage,
+                        const py::object& maxBlack, const py::object& gcr, const py::object& blackLength,
+                        const py::object& blackWidth, const py::object& gridPoints, const py::object& iccVersion,
+                        const py::object& description, const py::object& copyright, const py::object& target,
+                        const py::object& inkNames) {
+    const kelma::ZKSICCProfileOptions o =
+        OutputOptions(*model, illuminant, totalCoverage, maxBlack, gcr, blackLength, blackWidth, gridPoints,
+                      iccVersion, description, copyright, target, inkNames);
+    std::vector<unsigned char> bytes;
+    {
+        py::gil_scoped_release release;
+        bytes = WithContext("kelma.icc_profile", [&] { return kelma::ICCOutputProfile(*model, o); });
+    }
+    return Bytes(bytes);
+}
+
+void WriteOutputProfile(const ModelPtr& model, const py::object& path, const py::object& illuminant,
+                        const py::object& totalCoverage, const py::object& maxBlack, const py::object& gcr,
+                        const py::object& blackLength, const py::object& blackWidth, const py::object& gridPoints,
+                        const py::object& iccVersion, const py::object& description, const py::object& copyright,
+                        const py::object& target, const py::object& inkNames) {
+    const std::string p = PathString(path);
+    const kelma::ZKSICCProfileOptions o =
+        OutputOptions(*model, illuminant, totalCoverage, maxBlack, gcr, blackLength, blackWidth, gridPoints,
+                      iccVersion, description, copyright, target, inkNames);
+    py::gil_scoped_release release;
+    WithContext("kelma.write_icc_profile", [&] {
+        kelma::WriteICCOutputProfile(p, *model, o);
+        return 0;
+    });
 }
 
 }  // namespace
@@ -96,6 +160,36 @@ proofs, device values to CIELAB or a display), e.g. with PIL.ImageCms.
 illuminant: index or name of one of the model's illuminants.
 grid_points: nodes per ink of the tables (2..255; 6 and 7 inks get fewer).
 icc_version: 4 or 2. target: the chart's CGATS text (the 'targ' tag).)doc");
+
+    static const std::string outputDoc = R"doc(
+The model's ICC output profile (Little CMS): device CMYK (6CLR, 7CLR for 6
+and 7 inks) and PCS CIELAB D50, media-relative.
+  A2B0-2: the model at exact table nodes (as icc_proof_profile).
+  B2A0-2: the library's separation (kelma.Separation) of each PCS colour,
+          in-gamut colours reproduced, others mapped to the gamut boundary at
+          their lightness and hue; fitted where the gamut ends.
+  gamt:   0 where the separation finds the colour reproducible.
+illuminant: index or name of one of the model's illuminants (colours under
+    another one are adapted to D50 by Bradford).
+total_coverage, max_black: limits in percent (sum over the inks; black).
+gcr: grey component replacement 0..100, or black_length / black_width
+    (percent of darkness) for that black generation.
+grid_points: nodes per axis of the tables (2..255; the device-to-PCS table
+    of 6 and 7 inks gets fewer). icc_version: 4 or 2.
+description, copyright: the profile's texts. target: the measurement data
+    (CGATS text) of the chart, for the 'targ' tag. ink_names: one per ink.)doc";
+    m.def("icc_profile", &OutputProfile, py::arg("model"), py::kw_only(), py::arg("illuminant") = 0,
+          py::arg("total_coverage") = 300, py::arg("max_black") = 95, py::arg("gcr") = 50,
+          py::arg("black_length") = py::none(), py::arg("black_width") = py::none(), py::arg("grid_points") = 33,
+          py::arg("icc_version") = 4, py::arg("description") = py::none(), py::arg("copyright") = py::none(),
+          py::arg("target") = py::none(), py::arg("ink_names") = py::none(),
+          ("The ICC output profile's bytes.\n" + outputDoc).c_str());
+    m.def("write_icc_profile", &WriteOutputProfile, py::arg("model"), py::arg("path"), py::kw_only(),
+          py::arg("illuminant") = 0, py::arg("total_coverage") = 300, py::arg("max_black") = 95, py::arg("gcr") = 50,
+          py::arg("black_length") = py::none(), py::arg("black_width") = py::none(), py::arg("grid_points") = 33,
+          py::arg("icc_version") = 4, py::arg("description") = py::none(), py::arg("copyright") = py::none(),
+          py::arg("target") = py::none(), py::arg("ink_names") = py::none(),
+          ("Writes the ICC output profile to exactly `path`, atomically.\n" + outputDoc).c_str());
 }
 
 }  // namespace kelma_py
