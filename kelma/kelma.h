@@ -35,3 +35,5 @@
 #include "kelma/evaluation/ModelEvaluation.h"
 #include "kelma/modelfile/ZKSModelFile.h"
 #include "kelma/separation/ZKCSeparation.h"
+#include "kelma/profile/ZKCProfileConnection.h"
+#include "kelma/profile/ICCOutputProfile.h"

@@ -11,6 +11,8 @@ PACKAGES=(
   libboost-thread-dev libboost-dev
   libgtest-dev libbenchmark-dev
   liblcms2-dev libeigen3-dev
+  # Little CMS's transicc and tificc: the tests apply the ICC profiles with them
+  liblcms2-utils
   # fuzzing (clang's libFuzzer)
   clang libclang-rt-dev
   # Octave front end (MEX files, .m files)

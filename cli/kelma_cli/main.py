@@ -2,10 +2,10 @@
 import argparse
 import sys
 
-from . import demo, evaluate, fit, predict, proof, resample, separate
+from . import demo, evaluate, fit, predict, profile, proof, resample, separate
 from .common import UserError
 
-SUBCOMMANDS = (demo, predict, evaluate, fit, proof, resample, separate)
+SUBCOMMANDS = (demo, predict, evaluate, fit, proof, resample, separate, profile)
 
 
 def _version():

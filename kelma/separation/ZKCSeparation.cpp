@@ -227,34 +227,62 @@ double ZKCSeparation::NodeCIELAB(unsigned int axis, unsigned int g, unsigned int
     return GridCIELAB(axis, static_cast<double>(g), gridPoints);
 }
 
-std::vector<unsigned char> ZKCSeparation::NodeTable(unsigned int gridPoints, std::vector<bool>* inGamut) const {
-    if (gridPoints < 2 || gridPoints > 256) throw kErrorDefaultCase;
+std::vector<ZKSSeparationResult> ZKCSeparation::SolveGrid(unsigned int gridPoints, const GridColour& colourAt) const {
     const std::size_t n = gridPoints;
-    const unsigned int N = core_->inks;
     std::vector<ZKSSeparationResult> results(n * n * n);
-    // One run per grid line along b*, solved from its first node on.
+    // One run per grid line along the third axis, solved from its first node on.
     SolveRuns(
         *core_, n * n, n,
         [&](std::size_t node, double* t) {
-            t[0] = NodeCIELAB(0, static_cast<unsigned int>(node / (n * n)), gridPoints);
-            t[1] = NodeCIELAB(1, static_cast<unsigned int>(node / n % n), gridPoints);
-            t[2] = NodeCIELAB(2, static_cast<unsigned int>(node % n), gridPoints);
+            const double position[3] = {double(node / (n * n)), double(node / n % n), double(node % n)};
+            colourAt(position, t);
         },
         results.data());
+    return results;
+}
+
+std::vector<unsigned char> ZKCSeparation::NodeTable(unsigned int gridPoints, std::vector<bool>* inGamut) const {
+    if (gridPoints < 2 || gridPoints > 256) throw kErrorDefaultCase;
+    const unsigned int N = core_->inks;
+    const GridColour colourAt = [gridPoints](const double* position, double* lab) {
+        for (unsigned int axis = 0; axis < 3; ++axis) lab[axis] = GridCIELAB(axis, position[axis], gridPoints);
+    };
+    const std::vector<ZKSSeparationResult> results = SolveGrid(gridPoints, colourAt);
     std::vector<unsigned char> table(results.size() * N);
     if (inGamut != nullptr) inGamut->assign(results.size(), false);
     for (std::size_t i = 0; i < results.size(); ++i) {
         std::copy(results[i].bytes, results[i].bytes + N, &table[i * N]);
         if (inGamut != nullptr) (*inGamut)[i] = results[i].inGamut;
     }
-    FitBoundaryAndInside(gridPoints, results, table);
+    std::vector<double> values;
+    std::vector<bool> fitted;
+    FitBoundaryAndInside(gridPoints, colourAt, results, values, fitted);
+    for (std::size_t g = 0; g < results.size(); ++g)
+        if (fitted[g]) RoundInks(&values[g * N], N, 3, core_->blackLimit, core_->totalLimit, &table[g * N]);
     return table;
 }
 
-void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vector<ZKSSeparationResult>& results,
-                                         std::vector<unsigned char>& table) const {
+std::vector<double> ZKCSeparation::NodeValues(unsigned int gridPoints, const GridColour& colourAt,
+                                              std::vector<ZKSSeparationResult>* nodes) const {
+    if (gridPoints < 2 || gridPoints > 256) throw kErrorDefaultCase;
+    const unsigned int N = core_->inks;
+    std::vector<ZKSSeparationResult> results = SolveGrid(gridPoints, colourAt);
+    std::vector<double> values;
+    std::vector<bool> fitted;
+    FitBoundaryAndInside(gridPoints, colourAt, results, values, fitted);
+    // Nodes the fit left alone keep the continuous solution (inside the limits).
+    for (std::size_t g = 0; g < results.size(); ++g)
+        if (!fitted[g]) std::copy(results[g].inks, results[g].inks + N, &values[g * N]);
+    if (nodes != nullptr) *nodes = std::move(results);
+    return values;
+}
+
+void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const GridColour& colourAt,
+                                         const std::vector<ZKSSeparationResult>& results, std::vector<double>& values,
+                                         std::vector<bool>& fitted) const {
     const Core& core = *core_;
     const unsigned int n = gridPoints, N = core.inks;
+    fitted.assign(results.size(), false);
     if (n < 3) return;
     const unsigned int F = kTableSubdivision;
     const unsigned int f = F * (n - 1) + 1;  // fine points per axis
@@ -316,8 +344,9 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
             const std::size_t line = lineAt(i);
             Core::Context ctx(core.subsets.size());
             for (std::size_t p = lineStart[line]; p < lineStart[line + 1]; ++p) {
-                double t[3];
-                for (unsigned int axis = 0; axis < 3; ++axis) t[axis] = GridCIELAB(axis, points[3 * p + axis] / double(F), n);
+                double position[3], t[3];
+                for (unsigned int axis = 0; axis < 3; ++axis) position[axis] = points[3 * p + axis] / double(F);
+                colourAt(position, t);
                 in[p] = core.SolveInGamut(t, ctx, &inks[7 * p]) ? 1 : 0;
             }
         }
@@ -334,7 +363,7 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
     };
     for (std::size_t p = 0; p < count; ++p)
         if (in[p]) addSample(&points[3 * p], &inks[7 * p]);
-    std::vector<double> values(results.size() * N);
+    values.assign(results.size() * N, 0.0);
     for (std::size_t g = 0; g < results.size(); ++g) {
         std::copy(results[g].inks, results[g].inks + N, &values[g * N]);
         if (!results[g].inGamut) continue;
@@ -342,7 +371,6 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
                                     static_cast<unsigned int>(F * (g / n % n)), static_cast<unsigned int>(F * (g % n))};
         addSample(at, results[g].inks);
     }
-    std::vector<bool> fitted;
     double lower[7], upper[7];
     for (unsigned int k = 0; k < N; ++k) {
         lower[k] = 0.0;
@@ -356,11 +384,8 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const std::vec
                     for (unsigned int k = 0; k < 8; ++k)
                         alsoFit[node(a + (k & 1u), b + ((k >> 1) & 1u), c + ((k >> 2) & 1u))] = true;
     FitTableNodes(n, F, N, samples, kTableSmoothing, lower, upper, alsoFit, kTableInkWeight, values, &fitted);
-    for (std::size_t g = 0; g < results.size(); ++g) {
-        if (!fitted[g]) continue;
-        ProjectInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit);
-        RoundInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit, &table[g * N]);
-    }
+    for (std::size_t g = 0; g < results.size(); ++g)
+        if (fitted[g]) ProjectInks(&values[g * N], N, 3, core.blackLimit, core.totalLimit);
 }
 
 std::unique_ptr<ZKCWorkerCLUT_Thread> ZKCSeparation::CLUT(CLUT_ACCURACY accuracy) const {

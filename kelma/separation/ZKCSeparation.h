@@ -138,6 +138,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -210,6 +211,20 @@ public:
     // "DefaultCase").
     std::unique_ptr<ZKCWorkerCLUT_Thread> CLUT(CLUT_ACCURACY accuracy) const;
 
+    // The colour of a point of a table's grid: position[axis] in 0 ..
+    // gridPoints - 1 (whole at the nodes, halves between them), CIELAB out.
+    // It must be finite and continuous along each axis.
+    using GridColour = std::function<void(const double* position, double* lab)>;
+    // NodeTable's computation on a grid of the caller's colours (a table
+    // whose input is another encoding of CIELAB, such as an ICC profile's
+    // PCS): gridPoints^3 x N ink amounts in bytes as doubles, node order as
+    // NodeTable. Fitted nodes hold the fit (moved into the limits, not
+    // rounded); the others the continuous solution of their colour (the
+    // mapped colour's when out of gamut). nodes, when not null, receives the
+    // decisions for every node's colour. gridPoints 2..256 ("DefaultCase").
+    std::vector<double> NodeValues(unsigned int gridPoints, const GridColour& colourAt,
+                                   std::vector<ZKSSeparationResult>* nodes = nullptr) const;
+
     // CIELAB component of node g on an axis (0 = L*, 1 = a*, 2 = b*) of a
     // table of gridPoints nodes per axis.
     static double NodeCIELAB(unsigned int axis, unsigned int g, unsigned int gridPoints);
@@ -219,8 +234,12 @@ public:
     struct Core;
 
 private:
-    void FitBoundaryAndInside(unsigned int gridPoints, const std::vector<ZKSSeparationResult>& results,
-                              std::vector<unsigned char>& table) const;
+    std::vector<ZKSSeparationResult> SolveGrid(unsigned int gridPoints, const GridColour& colourAt) const;
+    // The least-squares node values where the gamut is (see NodeTable):
+    // values gets every node's inks, fitted which nodes the fit set.
+    void FitBoundaryAndInside(unsigned int gridPoints, const GridColour& colourAt,
+                              const std::vector<ZKSSeparationResult>& results, std::vector<double>& values,
+                              std::vector<bool>& fitted) const;
 
     std::shared_ptr<const Core> core_;
 };

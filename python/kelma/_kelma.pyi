@@ -23,6 +23,7 @@ MODEL_FILE_VERSION: int
 class MeasurementError(ValueError): ...
 class ModelBuildingError(ValueError): ...
 class ModelFileError(ValueError): ...
+class ICCProfileError(ValueError): ...
 
 def cpu_count() -> int: ...
 def set_cpu_count_override(count: int) -> None: ...
@@ -414,3 +415,47 @@ def evaluate_model(
 def validation_split(
     chart: Union[MeasurementFile, Tuple[npt.ArrayLike, npt.ArrayLike]], grid_percent: npt.ArrayLike
 ) -> Tuple[List[int], List[int], List[int]]: ...
+def icc_proof_profile(
+    model: Model,
+    *,
+    illuminant: Union[int, str] = 0,
+    grid_points: int = 33,
+    icc_version: int = 4,
+    description: Optional[str] = None,
+    copyright: Optional[str] = None,
+    target: Optional[str] = None,
+    ink_names: Optional[Sequence[str]] = None,
+) -> bytes: ...
+def icc_profile(
+    model: Model,
+    *,
+    illuminant: Union[int, str] = 0,
+    total_coverage: int = 300,
+    max_black: int = 95,
+    gcr: int = 50,
+    black_length: Optional[int] = None,
+    black_width: Optional[int] = None,
+    grid_points: int = 33,
+    icc_version: int = 4,
+    description: Optional[str] = None,
+    copyright: Optional[str] = None,
+    target: Optional[str] = None,
+    ink_names: Optional[Sequence[str]] = None,
+) -> bytes: ...
+def write_icc_profile(
+    model: Model,
+    path: _Path,
+    *,
+    illuminant: Union[int, str] = 0,
+    total_coverage: int = 300,
+    max_black: int = 95,
+    gcr: int = 50,
+    black_length: Optional[int] = None,
+    black_width: Optional[int] = None,
+    grid_points: int = 33,
+    icc_version: int = 4,
+    description: Optional[str] = None,
+    copyright: Optional[str] = None,
+    target: Optional[str] = None,
+    ink_names: Optional[Sequence[str]] = None,
+) -> None: ...

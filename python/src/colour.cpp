@@ -76,6 +76,8 @@ py::array_t<double> PerTriple(const py::object& x, const char* xName, const py::
     return out;
 }
 
+}  // namespace
+
 // An illuminant argument: an index of the model's lighting matrix or the name
 // of a standard illuminant the model holds.
 unsigned IlluminantArgument(const ZKCSSE_KELMA_Data& model, const py::object& illuminant) {
@@ -104,6 +106,8 @@ unsigned IlluminantArgument(const ZKCSSE_KELMA_Data& model, const py::object& il
                                                  "in 0.." + std::to_string(count - 1) + " (the model's illuminants are " +
                                                      holds() + ")"));
 }
+
+namespace {
 
 py::array_t<double> PredictColorimetryPy(const ZKCSSE_KELMA_Data& model, const py::object& inksObj,
                                          const py::object& illuminant, const py::object& mediaRelative, bool lab) {

@@ -97,6 +97,11 @@ auto WithContext(const std::string& context, F&& call) -> decltype(call()) {
 // sequence of those, or a LightingMatrix) and an observer (2 or 10).
 kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, const py::object& observer);
 
+// An illuminant of `model`: an index of its lighting matrix or the name of a
+// standard illuminant it holds ('D65'); otherwise a ValueError or TypeError
+// listing the model's illuminants.
+unsigned IlluminantArgument(const kelma::ZKCSSE_KELMA_Data& model, const py::object& illuminant);
+
 // A filesystem path argument (str, bytes or os.PathLike) as a string.
 std::string PathString(const py::object& path);
 // Writes a model file at `path` (atomically), the GIL released.
@@ -118,5 +123,6 @@ void RegisterModelBuilding(py::module_& m);
 void RegisterModelFile(py::module_& m);
 void RegisterColour(py::module_& m);
 void RegisterSeparation(py::module_& m);
+void RegisterProfile(py::module_& m);
 
 }  // namespace kelma_py
