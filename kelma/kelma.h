@@ -30,6 +30,7 @@
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
 #include "kelma/measurement/SpectralPlausibility.h"
+#include "kelma/measurement/ZKCMeasurementWriter.h"
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"
