@@ -34,4 +34,5 @@
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
 #include "kelma/evaluation/Statistics.h"
 #include "kelma/evaluation/ModelEvaluation.h"
+#include "kelma/evaluation/ToneValue.h"
 #include "kelma/modelfile/ZKSModelFile.h"

@@ -100,6 +100,10 @@ void ZKCMeasurementWriter::Check(const std::string& name) const {
     const ZKSMeasurementData& d = data_;
     const std::size_t patches = d.sampleIds.size();
     if (patches == 0) throw ZKCMeasurementError(name, "no patches to write");
+    if (patches > kMaxMeasurementTableSize)
+        throw ZKCMeasurementError(name, Number(patches) + " patches are more than the " +
+                                            Number(kMaxMeasurementTableSize) +
+                                            " a CGATS table holds (a limit of Little CMS)");
     for (std::size_t i = 0; i < keywords_.size(); ++i) {
         const std::string& k = keywords_[i].first;
         const std::string& v = keywords_[i].second;
@@ -141,6 +145,10 @@ void ZKCMeasurementWriter::Check(const std::string& name) const {
                                                 " follows " + Shortest(d.wavelengths[b - 1]));
         fields.push_back("SPECTRAL_NM" + Shortest(nm));
     }
+    if (fields.size() > kMaxMeasurementTableSize)
+        throw ZKCMeasurementError(name, Number(fields.size()) + " fields are more than the " +
+                                            Number(kMaxMeasurementTableSize) +
+                                            " a CGATS table holds (a limit of Little CMS)");
     for (std::size_t i = 0; i < fields.size(); ++i)
         if (std::count(fields.begin(), fields.end(), fields[i]) > 1)
             throw ZKCMeasurementError(name, "field " + fields[i] + " appears twice");
@@ -166,7 +174,6 @@ std::string ZKCMeasurementWriter::Render(const std::string& name) const {
     const std::size_t patches = d.sampleIds.size();
     const std::size_t bands = d.wavelengths.size();
     const std::size_t fieldCount = 1 + d.channelNames.size() + (d.HasXYZ() ? 3 : 0) + (d.HasLab() ? 3 : 0) + bands;
-    if (patches > 0x7FFFFFFF || fieldCount > 0x7FFFFFFF) throw std::length_error("table too large for CGATS");
 
     Errors errors;
     std::unique_ptr<std::remove_pointer_t<cmsContext>, ContextDeleter> context(cmsCreateContext(nullptr, &errors));

@@ -24,10 +24,11 @@
 // not a name (letters, digits, '_'), a keyword value with a double quote or
 // a line break, a field name that is not a name or appears twice, a value
 // that is not finite, wavelengths that are not whole nm or not strictly
-// ascending, no patches. Arrays whose sizes disagree with the patch count
+// ascending, no patches, more patches or fields than kMaxMeasurementTableSize. Arrays whose sizes disagree with the patch count
 // are a caller error: std::invalid_argument.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,6 +38,10 @@
 namespace KELMA_NAMESPACE {
 
 using ZKSMeasurementKeywords = std::vector<std::pair<std::string, std::string>>;
+
+// Little CMS 2.14 holds at most this many patches, and fields, in one table
+// (it reads no larger file either).
+constexpr std::size_t kMaxMeasurementTableSize = 0x7FFE;
 
 class KELMA_API ZKCMeasurementWriter {
 public:

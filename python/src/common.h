@@ -109,5 +109,6 @@ void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
 void RegisterModelFile(py::module_& m);
 void RegisterColour(py::module_& m);
+void RegisterFiles(py::module_& m);
 
 }  // namespace kelma_py

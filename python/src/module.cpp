@@ -56,4 +56,5 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterModelBuilding(m);
     kelma_py::RegisterModelFile(m);
     kelma_py::RegisterColour(m);
+    kelma_py::RegisterFiles(m);
 }

@@ -215,6 +215,21 @@ TEST(MeasurementWriter, TablesCgatsCannotHoldAreRefused) {
         EXPECT_NE(ErrorOf(ZKCMeasurementWriter(d, k)).find(c.problem), std::string::npos)
             << c.what << ": " << ErrorOf(ZKCMeasurementWriter(d, k));
     }
+    // Little CMS's table size: 32766 patches are written and read, one more is refused.
+    ZKSMeasurementData large;
+    large.channelNames = {"CMYK_C", "CMYK_M", "CMYK_Y", "CMYK_K"};
+    for (std::size_t p = 0; p < kMaxMeasurementTableSize; ++p) {
+        large.sampleIds.push_back(std::to_string(p));
+        large.deviceValues.insert(large.deviceValues.end(), {double(p % 101), 0.0, 50.0, 100.0});
+    }
+    const ZKCMeasurementFile largeBack = ZKCMeasurementFile::FromText(
+        "large", ZKCMeasurementWriter(large, {}).Text(), MEASUREMENT_CONTENT_DEVICE);
+    EXPECT_TRUE(SameBits(largeBack.Data().deviceValues, large.deviceValues));
+    large.sampleIds.push_back("one more");
+    large.deviceValues.insert(large.deviceValues.end(), {0.0, 0.0, 0.0, 0.0});
+    EXPECT_EQ(ErrorOf(ZKCMeasurementWriter(large, {})),
+              "32767 patches are more than the 32766 a CGATS table holds (a limit of Little CMS)");
+
     // Sizes that disagree with the patch count are the caller's error.
     ZKSMeasurementData shortLab = good;
     shortLab.lab.pop_back();
