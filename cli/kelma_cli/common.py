@@ -92,6 +92,14 @@ def read_chart(path, required="spectra", extrapolate=False):
     return kelma.MeasurementFile(p, required=required, extrapolate=extrapolate)
 
 
+def save_figure(fig, path, dpi=None):
+    """A matplotlib figure as PNG at exactly `path`, written atomically."""
+    import io
+    buffer = io.BytesIO()
+    fig.savefig(buffer, format="png", dpi=dpi)
+    kelma.write_file_atomically(path, buffer.getvalue())
+
+
 def parse_grid(text):
     try:
         levels = [float(v) for v in text.split(",")]

@@ -44,7 +44,9 @@ def is_png(path):
 def test_demo_prints_the_accuracy_table_and_writes_both_pngs(tmp_path):
     r = run("demo", "--out", tmp_path)
     assert r.returncode == 0, r.stderr
-    assert is_png(tmp_path / "spectra.png") and is_png(tmp_path / "proof.png")
+    pictures = ["accuracy.png", "gamut.png", "proof.png", "spectra.png", "tone_values.png"]
+    assert sorted(p.name for p in tmp_path.iterdir()) == pictures
+    assert all(is_png(tmp_path / name) for name in pictures)
     rows = {line[:34].strip(): line[34:].split() for line in r.stdout.splitlines() if line[34:].strip()}
     count, mean, median, p95, worst = rows["held out (two folds), all"]
     assert int(count) > 1400 and float(mean) <= 0.25 and float(p95) <= 0.55
