@@ -36,3 +36,4 @@
 #include "kelma/evaluation/ModelEvaluation.h"
 #include "kelma/evaluation/ToneValue.h"
 #include "kelma/modelfile/ZKSModelFile.h"
+#include "kelma/separation/ZKCSeparation.h"

@@ -7,6 +7,7 @@
 
 #include "mex.h"
 
+#include "kelma/common/LibraryErrors.h"
 #include "kelma/mex/ZKCMexGateway.h"
 
 namespace {
@@ -39,8 +40,9 @@ extern "C" void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* 
         kelma::MexGatewayBody(host, reinterpret_cast<void**>(plhs), reinterpret_cast<const void* const*>(prhs));
         return;
     } catch (const char* text) {
-        message = text;
-        id = "kelma:library";
+        const kelma::ZKSLibraryError e = kelma::FindLibraryError(text);
+        message = kelma::ExplainLibraryError(text);
+        id = e.kind == kelma::LIBRARY_ERROR_ARGUMENT ? "kelma:library:argument" : "kelma:library:internal";
     } catch (const std::bad_alloc&) {
         message = "out of memory";
         id = "kelma:nomemory";

@@ -4,10 +4,10 @@ import os
 import signal
 import sys
 
-from . import demo, evaluate, fit, predict, proof, resample
+from . import demo, evaluate, fit, predict, proof, resample, separate
 from .common import UserError
 
-SUBCOMMANDS = (demo, predict, evaluate, fit, proof, resample)
+SUBCOMMANDS = (demo, predict, evaluate, fit, proof, resample, separate)
 
 
 def _version():

@@ -15,6 +15,9 @@ const ZKSLibraryError kKnown[] = {
     {kErrorShortWavelengthList, LIBRARY_ERROR_ARGUMENT, "resampling needs at least 2 wavelengths"},
     {kErrorInvalidWavelengthRange, LIBRARY_ERROR_ARGUMENT,
      "the wavelengths must start at or below 400 nm or end at or above 700 nm"},
+    {kErrorLimitsLeaveNoGamut, LIBRARY_ERROR_ARGUMENT,
+     "the separation limits leave no colour but the paper: the total coverage must be at least 1 %"},
+    {kErrorNonFiniteCIELAB, LIBRARY_ERROR_ARGUMENT, "a CIELAB colour to separate has a NaN or infinite component"},
 };
 
 }  // namespace

@@ -21,6 +21,11 @@ constexpr const char* kErrorInvalidIlluminantIndex = "Invalid IlluminantIndex";
 constexpr const char* kErrorShortWavelengthList = "Wavelength-list has less than 2 elements";
 // Resampling from a list that starts above 400 nm and ends below 700 nm.
 constexpr const char* kErrorInvalidWavelengthRange = "Invalid wavelength range";
+// Separation limits under which nothing but the paper is reachable (a total
+// coverage of 0).
+constexpr const char* kErrorLimitsLeaveNoGamut = "Limits leave no gamut";
+// A CIELAB colour with a NaN or infinite component given to the separation.
+constexpr const char* kErrorNonFiniteCIELAB = "Non-finite CIELAB";
 
 enum LIBRARY_ERROR_KIND : unsigned {
     LIBRARY_ERROR_ARGUMENT = 0,  // a bad value: Python ValueError, MEX id kelma:library:argument

@@ -110,5 +110,6 @@ void RegisterModelBuilding(py::module_& m);
 void RegisterModelFile(py::module_& m);
 void RegisterColour(py::module_& m);
 void RegisterFiles(py::module_& m);
+void RegisterSeparation(py::module_& m);
 
 }  // namespace kelma_py

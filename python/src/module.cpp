@@ -57,4 +57,5 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterModelFile(m);
     kelma_py::RegisterColour(m);
     kelma_py::RegisterFiles(m);
+    kelma_py::RegisterSeparation(m);
 }

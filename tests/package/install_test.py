@@ -60,7 +60,8 @@ def install(a, prefix):
     if outside:
         raise Failure("installed outside the prefix: %s" % outside[:10])
     for expected in ["lib/pkgconfig/kelma.pc", "include/kelma/kelma.h", "include/kelma/common/Version.h",
-                     "share/kelma/octave/kelma_mex.mex", "share/kelma/octave/private/kelma_model_mex.mex",
+                     "share/kelma/octave/private/kelma_mex.mex", "share/kelma/octave/private/kelma_model_mex.mex",
+                     "share/kelma/octave/private/kelma_checked_mex.mex",
                      "share/kelma/octave/kelma_version.m", "share/kelma/models/aptec_pc10_cmyk.kelma",
                      "bin/kelma", a.pythondir + "/kelma/__init__.py", a.pythondir + "/kelma/_kelma.pyi",
                      a.pythondir + "/kelma/py.typed", a.pythondir + "/kelma/dask.py",
@@ -151,7 +152,8 @@ def octave_examples(a, prefix, work, env):
         if "$ORIGIN/" + os.path.relpath(libdir, mex.parent) not in dynamic:
             raise Failure("%s has no RUNPATH to the prefix's library:\n%s" % (mex, dynamic))
     script = ["addpath ('%s');" % octave_dir,
-              "assert (strncmp (which ('kelma_mex'), '%s', %d));" % (octave_dir, len(str(octave_dir))),
+              "assert (strncmp (which ('kelma_predict'), '%s', %d));" % (octave_dir, len(str(octave_dir))),
+              "assert (isempty (which ('kelma_mex')));",
               "assert (strcmp (kelma_version (), '%s'));" % a.version]
     blocks = readme_blocks(Path(a.source), "octave")
     if not blocks:

@@ -70,6 +70,46 @@ ZKSTestModel MakeTestModel(unsigned int inks, unsigned int gridPoints, double n,
         }
     }
 
+    FillScheme(m);
+    return m;
+}
+
+ZKSTestModel MakePressLikeModel(unsigned int inks, unsigned int gridPoints, double n) {
+    ZKSTestModel m;
+    m.inks = inks;
+    m.gridPoints = gridPoints;
+    m.n = n;
+    for (unsigned int k = 0; k < inks; ++k)
+        for (unsigned int g = 0; g < gridPoints; ++g) m.grid.push_back(std::round(255.0 * g / (gridPoints - 1)));
+    for (unsigned int k = 0; k < inks; ++k)
+        for (unsigned int t = 0; t < 256; ++t) {
+            const double x = t / 255.0;
+            m.ramps.push_back(x + (k == 3 ? 0.15 : 0.2) * x * (1.0 - x));
+        }
+    auto rise = [](double nm, double edge, double width) { return 1.0 / (1.0 + std::exp(-(nm - edge) / width)); };
+    for (unsigned int w = 0; w < 31; ++w) m.paper.push_back(0.86 + (w < 5 ? 0.02 : 0.0));
+    m.absorption.assign(std::size_t{inks} * 31, 0.0);
+    for (unsigned int w = 0; w < 31; ++w) {
+        const double nm = 400.0 + 10.0 * w;
+        // C, M, Y, K, then orange, green, violet: where each ink absorbs.
+        const double band[7] = {
+            0.05 + 2.6 * rise(nm, 575, 15),
+            0.05 + 2.5 * rise(nm, 490, 12) * (1.0 - rise(nm, 600, 12)),
+            0.03 + 2.6 * (1.0 - rise(nm, 500, 12)),
+            3.6 + 0.1 * (nm - 400.0) / 300.0,
+            0.05 + 2.6 * (1.0 - rise(nm, 565, 12)),
+            0.05 + 2.4 * ((1.0 - rise(nm, 480, 12)) + rise(nm, 585, 15)),
+            0.05 + 2.4 * rise(nm, 505, 12) * (1.0 - rise(nm, 640, 12)),
+        };
+        for (unsigned int k = 0; k < inks; ++k) m.absorption[k * 31 + w] = band[k < 7 ? k : 6];
+    }
+    FillScheme(m);
+    return m;
+}
+
+void FillScheme(ZKSTestModel& m) {
+    const unsigned int inks = m.inks, gridPoints = m.gridPoints;
+    const double n = m.n;
     const unsigned int cellsPerInk = gridPoints - 1;
     const unsigned int cells = Power(cellsPerInk, inks);
     const unsigned int corners = 1u << inks;
@@ -100,7 +140,6 @@ ZKSTestModel MakeTestModel(unsigned int inks, unsigned int gridPoints, double n,
             }
         }
     }
-    return m;
 }
 
 std::vector<double> ZKSTestModel::Reference(const unsigned char* sample) const {

@@ -43,6 +43,12 @@ struct ZKSTestModel {
 };
 
 ZKSTestModel MakeTestModel(unsigned int inks, unsigned int gridPoints, double n, std::uint32_t seed);
+// A press-like model (no randomness): inks C, M, Y, K, then orange, green and
+// violet (6 inks: orange and green), each with the absorption band of its
+// name, a near-white paper and 15-20 % dot gain, on an even grid.
+ZKSTestModel MakePressLikeModel(unsigned int inks, unsigned int gridPoints, double n);
+// Computes m.scheme from the node spectra of m's grid, paper and absorption.
+void FillScheme(ZKSTestModel& m);
 
 kelma::ZKCLighting_Matrix D50Matrix();
 

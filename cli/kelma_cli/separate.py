@@ -1,0 +1,69 @@
+"""kelma separate: ink amounts (percent) that reproduce CIELAB colours read from a CSV file."""
+import math
+import sys
+from pathlib import Path
+
+import numpy as np
+
+import kelma
+
+from .common import UserError, add_colorimetry_options, load_model
+
+
+def register(sub):
+    p = sub.add_parser("separate", help="separate CIELAB colours (CSV: L*,a*,b* per line) into ink percent")
+    p.add_argument("colours", help="CSV with one colour per line: L*, a*, b* (a header line is allowed)")
+    p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
+    p.add_argument("--tac", type=int, default=300, help="total ink coverage limit in percent (default 300)")
+    p.add_argument("--max-black", type=int, default=100, help="black limit in percent (default 100)")
+    p.add_argument("--gcr", type=int, default=50, help="grey component replacement in percent (default 50)")
+    add_colorimetry_options(p)
+    # Separations take colours relative to the paper unless told otherwise.
+    p.set_defaults(run=run, relative="paper")
+
+
+def read_colours(path):
+    """(count, 3) float64 from a CSV of L*, a*, b*; errors name the file and line."""
+    p = Path(path)
+    if not p.is_file():
+        raise UserError("colour file %s does not exist" % p)
+    rows = []
+    with open(p, encoding="utf-8", errors="replace") as f:
+        for number, line in enumerate(f, start=1):
+            text = line.split("#", 1)[0].strip()
+            if not text:
+                continue
+            fields = [v.strip() for v in text.replace(";", ",").split(",")]
+            if len(fields) == 1:
+                fields = text.split()
+            try:
+                values = [float(v) for v in fields]
+            except ValueError:
+                if not rows and number == 1:
+                    continue  # a header
+                raise UserError("%s line %d: expected three numbers L*, a*, b*, got %r" % (p, number, text))
+            if len(values) != 3:
+                raise UserError("%s line %d: expected three values L*, a*, b*, got %d" % (p, number, len(values)))
+            if not all(math.isfinite(v) for v in values):
+                raise UserError("%s line %d: L*, a*, b* must be finite numbers, got %r" % (p, number, text))
+            rows.append(values)
+    if not rows:
+        raise UserError("%s holds no colour" % p)
+    return np.array(rows, dtype=np.float64)
+
+
+def run(args):
+    model = load_model(args.model, args.illuminant, args.observer)
+    inks = model.inks
+    if not 1 <= args.tac <= 100 * inks:
+        raise UserError("--tac %d: the total coverage must be 1..%d percent (0 leaves nothing but the paper)"
+                        % (args.tac, 100 * inks))
+    if not 0 <= args.max_black <= 100:
+        raise UserError("--max-black %d: the black limit must be 0..100 percent" % args.max_black)
+    if not 0 <= args.gcr <= 100:
+        raise UserError("--gcr %d: the grey component replacement must be 0..100 percent" % args.gcr)
+    lab = read_colours(args.colours)
+    separation = kelma.Separation(model, total_coverage=args.tac, max_black=args.max_black, gcr=args.gcr,
+                                  media_relative=args.relative == "paper")
+    percent = separation.inks(lab).astype(np.float64) * (100.0 / 255.0)
+    np.savetxt(sys.stdout, percent, fmt="%.2f", delimiter=",")
