@@ -1,5 +1,6 @@
 """Shared pieces of the subcommands: the user-error type, progress steps and
 the loading of models, charts and images."""
+import sys
 import threading
 import time
 from pathlib import Path
@@ -80,12 +81,23 @@ def add_extrapolate_option(parser):
 
 
 def read_chart(path, required="spectra", extrapolate=False):
-    """A kelma.MeasurementFile; the reader refuses what is not a chart (a
-    directory, a device, implausible spectra) with a message naming it."""
+    """A kelma.MeasurementFile of a path, or of standard input for '-'; the
+    reader refuses what is not a chart (a directory, a device, implausible
+    spectra) with a message naming it."""
+    if str(path) == "-":
+        return kelma.MeasurementFile.from_text(sys.stdin.buffer.read(), "<stdin>", required, extrapolate=extrapolate)
     p = Path(path)
     if not p.exists():
         raise UserError("chart %s does not exist" % p)
     return kelma.MeasurementFile(p, required=required, extrapolate=extrapolate)
+
+
+def save_figure(fig, path, dpi=None):
+    """A matplotlib figure as PNG at exactly `path`, written atomically."""
+    import io
+    buffer = io.BytesIO()
+    fig.savefig(buffer, format="png", dpi=dpi)
+    kelma.write_file_atomically(path, buffer.getvalue())
 
 
 def parse_grid(text):

@@ -5,8 +5,11 @@ import numpy as np
 
 import kelma
 
-from .common import ROOT, Step, UserError, read_chart
+from .common import ROOT, Step, UserError, read_chart, save_figure
 from .proof import proof_clut, save_png
+
+INKS = ("cyan", "magenta", "yellow", "black")
+INK_COLOURS = ("#00a0e0", "#e0007a", "#e8c000", "#202020")
 
 
 CHART_NAME = "APTEC_PC10_CardBoard_2023_v1_Spectral.txt"
@@ -30,6 +33,95 @@ def test_image(height=480, width=768):
         for c in range(4):
             image[i * rows:(i + 1) * rows, :, c] = np.floor(x * band[c] + 0.5).astype(np.uint8)
     return image
+
+
+def plot_accuracy(out, plt, held_out, total_ink, k_zero):
+    """Held-out CIEDE2000: its distribution, and against total ink."""
+    tested = ~np.isnan(held_out)
+    s = kelma.statistics(held_out[tested])
+    fig, (left, right) = plt.subplots(1, 2, figsize=(11, 4.4), dpi=110)
+    left.hist(held_out[tested], bins=np.arange(0, max(4.0, s["max"]) + 0.1, 0.1), color="#4a7ab0")
+    for value, label, style in ((s["mean"], "mean %.2f", "-"), (s["p95"], "95th percentile %.2f", "--")):
+        left.axvline(value, color="k", ls=style, lw=1, label=label % value)
+    left.set_xlabel("CIEDE2000 (D50 / 2\u00b0)")
+    left.set_ylabel("patches")
+    left.set_title("held-out patches (two folds, %d patches)" % s["count"])
+    left.legend()
+    for mask, label, colour in ((tested & k_zero, "K = 0", "#4a7ab0"), (tested & ~k_zero, "K > 0", "#c05030")):
+        right.scatter(total_ink[mask], held_out[mask], s=6, alpha=0.6, color=colour, label=label)
+    right.set_xlabel("total ink C + M + Y + K (%)")
+    right.set_ylabel("CIEDE2000 (D50 / 2\u00b0)")
+    right.set_title("held-out error against total ink")
+    right.legend()
+    fig.tight_layout()
+    save_figure(fig, out / "accuracy.png")
+    plt.close(fig)
+
+
+def plot_gamut(out, plt, model, measured_lab, slices=(30, 50, 70), half_width=3.0):
+    """The model's gamut (every ink combination of a 16-level grid) against
+    the measured patches, in a*b* at a few L* slices."""
+    axis = np.linspace(0, 255, 16).round().astype(np.uint8)
+    grid = np.stack(np.meshgrid(axis, axis, axis, axis, indexing="ij"), axis=-1).reshape(-1, 4)
+    model_lab = kelma.predict_lab(model, grid)
+    fig, axes = plt.subplots(1, len(slices), figsize=(4.2 * len(slices), 4.6), dpi=110, sharex=True, sharey=True)
+    for ax, lightness in zip(axes, slices):
+        in_model = np.abs(model_lab[:, 0] - lightness) <= half_width
+        in_chart = np.abs(measured_lab[:, 0] - lightness) <= half_width
+        ax.scatter(model_lab[in_model, 1], model_lab[in_model, 2], s=3, color="#b8b8b8",
+                   label="model (%d combinations)" % in_model.sum())
+        ax.scatter(measured_lab[in_chart, 1], measured_lab[in_chart, 2], s=9, color="#c03030",
+                   label="measured (%d patches)" % in_chart.sum())
+        ax.set_title("L* %g \u00b1 %g" % (lightness, half_width))
+        ax.set_xlabel("a*")
+        ax.axhline(0, color="k", lw=0.5)
+        ax.axvline(0, color="k", lw=0.5)
+        ax.set_aspect("equal")
+        ax.legend(fontsize=7, loc="lower left")
+    axes[0].set_ylabel("b*")
+    fig.suptitle("gamut of the model and the measured APTEC PC10 patches (CIELAB, D50 / 2\u00b0)")
+    fig.tight_layout()
+    save_figure(fig, out / "gamut.png")
+    plt.close(fig)
+
+
+def plot_tone_values(out, plt, model, chart, measured_xyz, white):
+    """Tone value increase of each ink alone, measured against the model:
+    colorimetric Murray-Davies (the press standards' dot gain) and ISO 20654
+    SCTV, both from the library."""
+    device = chart.device_values
+    levels = np.arange(256)
+    fig, axes = plt.subplots(1, 4, figsize=(15, 4.2), dpi=110, sharey=True)
+    for ink, ax in enumerate(axes):
+        others = np.delete(np.arange(4), ink)
+        alone = (device[:, others] == 0).all(axis=1)
+        paper = measured_xyz[alone & (device[:, ink] == 0)].mean(axis=0)
+        solid = measured_xyz[alone & (device[:, ink] == 100)].mean(axis=0)
+        ramp = alone & (device[:, ink] > 0) & (device[:, ink] < 100)
+        nominal = device[ramp, ink]
+        inks = np.zeros((256, 4), np.uint8)
+        inks[:, ink] = levels
+        model_xyz = kelma.predict_xyz(model, inks)
+        model_nominal = kelma.ink_percent(levels)
+        colour = INK_COLOURS[ink]
+        md = kelma.murray_davies_tone_value(measured_xyz[ramp], paper, solid) - nominal
+        md_model = kelma.murray_davies_tone_value(model_xyz, model_xyz[0], model_xyz[-1]) - model_nominal
+        sctv = kelma.tone_value(measured_xyz[ramp], paper, solid, white) - nominal
+        sctv_model = kelma.tone_value(model_xyz, model_xyz[0], model_xyz[-1], white) - model_nominal
+        ax.plot(model_nominal, md_model, color=colour, lw=1.5, label="Murray-Davies: model")
+        ax.plot(nominal, md, "o", color=colour, ms=4, label="Murray-Davies: measured")
+        ax.plot(model_nominal, sctv_model, color=colour, lw=1, ls="--", label="SCTV: model")
+        ax.plot(nominal, sctv, "x", color=colour, ms=4, label="SCTV: measured")
+        ax.axhline(0, color="k", lw=0.5)
+        ax.set_xlim(0, 100)
+        ax.set_title(INKS[ink])
+        ax.set_xlabel("nominal tone value (%)")
+    axes[0].set_ylabel("tone value increase (%)")
+    axes[0].legend(fontsize=7, loc="upper left")
+    fig.suptitle("tone value increase of each ink alone: colorimetric Murray-Davies and ISO 20654 SCTV (D50 / 2\u00b0)")
+    fig.tight_layout()
+    save_figure(fig, out / "tone_values.png")
+    plt.close(fig)
 
 
 def run(args):
@@ -93,9 +185,19 @@ def run(args):
         ax.set_title("APTEC PC10 offset: measured (solid) and predicted (dashed)")
         fig.legend(fontsize=8, ncol=4, loc="lower center")
         fig.tight_layout(rect=(0, 0.1, 1, 1))
-        fig.savefig(out / "spectra.png")
+        save_figure(fig, out / "spectra.png")
         plt.close(fig)
         print("   wrote %s" % (out / "spectra.png"))
+
+    with Step("plotting accuracy, gamut and tone values"):
+        total_ink = kelma.ink_percent(levels).sum(axis=1)
+        plot_accuracy(out, plt, held_out, total_ink, k_zero)
+        matrix = kelma.LightingMatrix("D50", 2)
+        measured_xyz = matrix.xyz(measured)[:, 0, :].astype(np.float64)
+        white = matrix.white_point[0].astype(np.float64)
+        plot_gamut(out, plt, model, kelma.xyz_to_lab(measured_xyz, white))
+        plot_tone_values(out, plt, model, chart, measured_xyz, white)
+        print("   wrote %s" % ", ".join(str(out / n) for n in ("accuracy.png", "gamut.png", "tone_values.png")))
 
     with Step("building a 17-point CMYK -> sRGB CLUT from the model"):
         clut = proof_clut(model, 17)

@@ -1,5 +1,7 @@
 """Argument parsing and error reporting of the kelma command."""
 import argparse
+import os
+import signal
 import sys
 
 from . import demo, evaluate, fit, predict, profile, proof, resample, separate
@@ -22,10 +24,26 @@ def main(argv=None):
     args = parser.parse_args(argv)
     try:
         args.run(args)
+    except BrokenPipeError:
+        # The reader of standard output went away (kelma predict ... | head):
+        # end quietly, with the status of a process ended by SIGPIPE, and keep
+        # Python from reporting the failed flush at exit.
+        try:
+            devnull = os.open(os.devnull, os.O_WRONLY)
+            os.dup2(devnull, sys.stdout.fileno())
+        except (OSError, ValueError):
+            pass
+        return 128 + signal.SIGPIPE
     except (UserError, ValueError, TypeError, RuntimeError, OSError) as exc:
         sys.stderr.write("kelma: error: %s\n" % exc)
+        return 1
+    except MemoryError:
+        sys.stderr.write("kelma: error: out of memory\n")
         return 1
     except KeyboardInterrupt:
         sys.stderr.write("kelma: interrupted\n")
         return 130
+    except Exception as exc:  # a fault of kelma itself: still one line, never a traceback
+        sys.stderr.write("kelma: error: internal error (%s: %s); please report it\n" % (type(exc).__name__, exc))
+        return 1
     return 0

@@ -6,9 +6,7 @@ namespace KELMA_NAMESPACE {
 
 namespace {
 
-double Compand(double t) { return t > kCIELABEpsilon ? std::cbrt(t) : (kCIELABKappa * t + 16.0) / 116.0; }
-
-// Inverse of Compand: f above 6/29 (the value of Compand at epsilon) is cubed.
+// Inverse of CIELABCompand: f above 6/29 (its value at epsilon) is cubed.
 double Expand(double f) {
     constexpr double kFEpsilon = 6.0 / 29.0;
     return f > kFEpsilon ? f * f * f : (116.0 * f - 16.0) / kCIELABKappa;
@@ -16,10 +14,12 @@ double Expand(double f) {
 
 }  // namespace
 
+double CIELABCompand(double t) { return t > kCIELABEpsilon ? std::cbrt(t) : (kCIELABKappa * t + 16.0) / 116.0; }
+
 void XYZToCIELAB(const double* xyz, const double* white, double* lab) {
-    const double fx = Compand(xyz[0] / white[0]);
-    const double fy = Compand(xyz[1] / white[1]);
-    const double fz = Compand(xyz[2] / white[2]);
+    const double fx = CIELABCompand(xyz[0] / white[0]);
+    const double fy = CIELABCompand(xyz[1] / white[1]);
+    const double fz = CIELABCompand(xyz[2] / white[2]);
     lab[0] = 116.0 * fy - 16.0;
     lab[1] = 500.0 * (fx - fy);
     lab[2] = 200.0 * (fy - fz);

@@ -32,6 +32,11 @@ constexpr double kSixteenOver116 = 0.13793103448275862;
 constexpr double kCIELABByteScaleL = 2.55;
 constexpr double kCIELABByteOffsetAB = 128.0;
 
+// CIE 15's companding function of a relative tristimulus value t = X / Xn:
+// cbrt(t) above kCIELABEpsilon, (kappa t + 16) / 116 at and below it
+// (continuous there). L* = 116 f(Y / Yn) - 16.
+KELMA_API double CIELABCompand(double t);
+
 // One colour: xyz, white and lab point at 3 doubles each.
 KELMA_API void XYZToCIELAB(const double* xyz, const double* white, double* lab);
 // The inverse: L*a*b* against `white` back to XYZ (exact to rounding).

@@ -226,14 +226,11 @@ struct PreparedText {
     std::string text;
     std::vector<std::string> formatFields;
     std::vector<DataLine> dataLines;
-    // Header values of lines with non-ASCII characters, as written (the
-    // parser sees those characters as '?'), first occurrence per keyword.
-    std::vector<std::pair<std::string, std::string>> nonAsciiHeaderValues;
+    // The first table's header keywords and values as written, in order: the
+    // parser sees non-ASCII characters as '?' and keeps only the value of a
+    // pair (WEIGHTING_FUNCTION "ILLUMINANT, D50" gives "D50").
+    std::vector<std::pair<std::string, std::string>> headerValues;
 };
-
-bool IsAscii(const std::string& s) {
-    return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
 
 std::string Unquoted(const std::string& token) {
     if (token.size() >= 2 && IsQuote(token.front()) && token.back() == token.front())
@@ -255,6 +252,7 @@ PreparedText Prepare(const std::string& file, const std::string& raw) {
         ++lineNumber;
         while (!line.empty() && (IsBlank(line.back()) || line.back() == '\r')) line.pop_back();
 
+        const std::string original = line;
         std::vector<std::string> tokens = Tokens(line);
         const std::string first = tokens.empty() ? std::string() : tokens.front();
         if (first == "BEGIN_DATA" && state == kFormat)
@@ -283,13 +281,22 @@ PreparedText Prepare(const std::string& file, const std::string& raw) {
             if (value.find_first_of(" \t") != std::string::npos && value.find_first_of("\"'") == std::string::npos)
                 line = line.substr(0, valueStart) + '"' + value + '"' + (comment.empty() ? "" : " " + comment);
         }
-        if (state == kHeader && tokens.size() > 1 && !IsAscii(line)) {
-            // The value as written: one (quoted) token, or the blank-separated rest of the line.
+        if (state == kHeader && dataSections == 0 && tokens.size() > 1 && !IsQuote(first[0])) {
+            // The value as written: one (quoted) token, or the rest of the line
+            // up to a comment (blanks kept), or its tokens when quotes are mixed in.
             std::string value = Unquoted(tokens[1]);
-            for (std::size_t k = 2; k < tokens.size(); ++k) value += ' ' + tokens[k];
-            const bool seen = std::any_of(out.nonAsciiHeaderValues.begin(), out.nonAsciiHeaderValues.end(),
-                                          [&](const auto& p) { return p.first == first; });
-            if (!seen) out.nonAsciiHeaderValues.emplace_back(first, value);
+            if (tokens.size() > 2) {
+                std::string rest = original.substr(original.find(first) + first.size());
+                rest = rest.substr(0, rest.find('#'));
+                const std::size_t a = rest.find_first_not_of(" \t"), b = rest.find_last_not_of(" \t");
+                rest = a == std::string::npos ? std::string() : rest.substr(a, b - a + 1);
+                if (rest.find_first_of("\"'") == std::string::npos) {
+                    value = rest;
+                } else {
+                    for (std::size_t k = 2; k < tokens.size(); ++k) value += ' ' + tokens[k];
+                }
+            }
+            out.headerValues.emplace_back(first, value);
         }
         if (state == kFormat && formatSections == 1) {
             if (!tokens.empty() && tokens.back() == "END_DATA_FORMAT") {
@@ -364,15 +371,50 @@ struct IT8Deleter {
     void operator()(void* h) const { cmsIT8Free(static_cast<cmsHANDLE>(h)); }
 };
 
-// "SPECTRAL_NM380" / "SPECTRAL_NM_380" -> 380. Returns false for other names;
-// throws for a spectral name whose wavelength cannot be read.
+bool StartsWithNoCase(const std::string& s, const char* prefix) {
+    const std::size_t n = std::strlen(prefix);
+    if (s.size() < n) return false;
+    for (std::size_t i = 0; i < n; ++i)
+        if (std::toupper(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
+    return true;
+}
+
+bool AllDigits(const std::string& s) {
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// The wavelength of a spectral field name, in the forms instruments and
+// profiling tools write (prefixes in any case, zero padding allowed):
+// SPECTRAL_NM400, SPECTRAL_NM_400, SPECTRAL_400, SPEC_400 (prefixes that only
+// spectral fields carry: a suffix that is not whole nanometres throws), and
+// NM400, NM_400, R400, R_400 (taken only when digits follow, so RGB_R or
+// NAME stay other fields). Returns false for other names.
 bool SpectralWavelength(const std::string& file, const std::string& name, double& nm) {
-    static const std::string prefix = "SPECTRAL_NM";
-    if (name.compare(0, prefix.size(), prefix) != 0) return false;
-    std::string digits = name.substr(prefix.size());
+    static const char* const kStrong[] = {"SPECTRAL_NM", "SPECTRAL_", "SPEC_"};
+    static const char* const kWeak[] = {"NM", "R"};
+    std::string digits;
+    bool strong = false;
+    for (const char* prefix : kStrong) {
+        if (StartsWithNoCase(name, prefix)) {
+            digits = name.substr(std::strlen(prefix));
+            strong = true;
+            break;
+        }
+    }
+    if (!strong) {
+        for (const char* prefix : kWeak) {
+            if (!StartsWithNoCase(name, prefix)) continue;
+            std::string rest = name.substr(std::strlen(prefix));
+            if (!rest.empty() && rest[0] == '_') rest.erase(0, 1);
+            // R1, NM2 ... outside the plausible wavelengths are some other numbering.
+            if (!AllDigits(rest) || rest.size() > 5 || !WavelengthProblem(std::stod(rest)).empty()) continue;
+            digits = rest;
+            break;
+        }
+        if (digits.empty()) return false;
+    }
     if (!digits.empty() && digits[0] == '_') digits.erase(0, 1);
-    if (digits.empty() || digits.size() > 5 ||
-        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    if (digits.size() > 5 || !AllDigits(digits)) {
         // A decimal name (SPECTRAL_NM0.40) is most likely another unit.
         double value = 0.0;
         std::string hint;
@@ -496,7 +538,15 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
         const std::string& written = prepared.dataLines[row].tokens[static_cast<std::size_t>(col)];
         double v = 0.0, asWritten = 0.0;
         const bool parsed = ParseNumber(text, v);
-        if (parsed && FloatRangeProblem(v).empty()) return v;
+        if (parsed && FloatRangeProblem(v).empty()) {
+            // The parser keeps 10 significant digits; the value as written
+            // keeps them all (a file written by ZKCMeasurementWriter reads
+            // back exactly). It is taken when both agree to those digits.
+            if (ParseNumber(written.c_str(), asWritten) && std::fabs(asWritten - v) <= 1e-9 * std::fabs(asWritten) &&
+                FloatRangeProblem(asWritten).empty())
+                return asWritten;
+            return v;
+        }
         // The parser misreads some exponent forms ("3e-1", "1e+300"): what was
         // written decides the message.
         const bool number = ParseNumber(written.c_str(), asWritten);
@@ -511,6 +561,7 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
     // Classify the fields.
     int idColumn = -1, nameColumn = -1;
     int labColumn[3] = {-1, -1, -1};
+    int xyzColumn[3] = {-1, -1, -1};
     std::vector<std::pair<double, int>> spectral;
     std::vector<int> deviceColumns;
     std::vector<std::string> families;
@@ -527,6 +578,10 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
             int k = name == "LAB_L" ? 0 : (name == "LAB_A" ? 1 : 2);
             if (labColumn[k] >= 0) throw ZKCMeasurementError(file, "field " + name + " appears twice");
             labColumn[k] = c;
+        } else if (name == "XYZ_X" || name == "XYZ_Y" || name == "XYZ_Z") {
+            const int k = name[4] - 'X';
+            if (xyzColumn[k] >= 0) throw ZKCMeasurementError(file, "field " + name + " appears twice");
+            xyzColumn[k] = c;
         } else if (SpectralWavelength(file, name, nm)) {
             spectral.push_back({nm, c});
         } else if (DeviceChannel(name, family, member)) {
@@ -562,6 +617,13 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
         for (int k = 0; k < 3; ++k)
             if (labColumn[k] < 0) missing.push_back(std::string("LAB_") + "LAB"[k]);
         throw ZKCMeasurementError(file, "CIELAB fields incomplete, missing " + Join(missing));
+    }
+    const int xyzFound = (xyzColumn[0] >= 0) + (xyzColumn[1] >= 0) + (xyzColumn[2] >= 0);
+    if (xyzFound != 0 && xyzFound != 3) {
+        std::vector<std::string> missing;
+        for (int k = 0; k < 3; ++k)
+            if (xyzColumn[k] < 0) missing.push_back(std::string("XYZ_") + "XYZ"[k]);
+        throw ZKCMeasurementError(file, "CIE XYZ fields incomplete, missing " + Join(missing));
     }
     std::sort(spectral.begin(), spectral.end());
     for (std::size_t k = 1; k < spectral.size(); ++k)
@@ -601,16 +663,26 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
         for (std::size_t r = 0; r < patches; ++r)
             for (int k = 0; k < 3; ++k) data_.lab.push_back(Value(r, labColumn[k]));
     }
+    if (xyzFound == 3) {
+        data_.xyz.reserve(patches * 3);
+        for (std::size_t r = 0; r < patches; ++r)
+            for (int k = 0; k < 3; ++k) data_.xyz.push_back(Value(r, xyzColumn[k]));
+    }
 
     char** propertyNames = nullptr;
     cmsUInt32Number propertyCount = cmsIT8EnumProperties(h, &propertyNames);
     for (cmsUInt32Number i = 0; i < propertyCount && propertyNames != nullptr; ++i) {
+        // The k-th listing of a keyword (pairs are listed once per line) is its k-th line.
+        const std::string name = propertyNames[i];
+        const auto k = std::count_if(properties_.begin(), properties_.end(),
+                                     [&](const auto& p) { return p.first == name; });
+        auto written = prepared.headerValues.begin();
+        for (long seen = -1; written != prepared.headerValues.end(); ++written)
+            if (written->first == name && ++seen == k) break;
         const char* value = cmsIT8GetProperty(h, propertyNames[i]);
-        const auto written = std::find_if(prepared.nonAsciiHeaderValues.begin(), prepared.nonAsciiHeaderValues.end(),
-                                          [&](const auto& p) { return p.first == propertyNames[i]; });
-        properties_.emplace_back(propertyNames[i], written != prepared.nonAsciiHeaderValues.end()
-                                                       ? written->second
-                                                       : std::string(value != nullptr ? value : ""));
+        properties_.emplace_back(name, written != prepared.headerValues.end()
+                                           ? written->second
+                                           : std::string(value != nullptr ? value : ""));
     }
 }
 

@@ -7,10 +7,12 @@
 //  - SAMPLE_ID (else SAMPLE_NAME) -> sample IDs; without either, "1", "2", ...
 //  - device channels: CMYK_C/M/Y/K, CMY_C/M/Y, RGB_R/G/B and nCLR_1..nCLR_n
 //    (n = 2..9 or A..F); a family must be complete;
-//  - SPECTRAL_NM<nm> or SPECTRAL_NM_<nm> (integer nm) -> spectra, values as
-//    written (reflectance factors 0-1 in usual files); the columns are sorted
-//    by wavelength, which must be distinct;
-//  - LAB_L, LAB_A, LAB_B, all three or none.
+//  - spectral fields -> spectra, values as written (reflectance factors 0-1
+//    in usual files), in the names instruments and tools write, whole nm with
+//    or without zero padding, prefixes in any case: SPECTRAL_NM400,
+//    SPECTRAL_NM_400, SPECTRAL_400, SPEC_400, NM400, NM_400, R400, R_400;
+//    the columns are sorted by wavelength, which must be distinct;
+//  - LAB_L, LAB_A, LAB_B, all three or none; XYZ_X, XYZ_Y, XYZ_Z likewise.
 // Other columns are ignored. Every value read must be a finite decimal
 // number within the range of a float. Each data line must hold exactly one
 // set (as many values as the format has fields).
@@ -33,7 +35,8 @@
 // read as if quoted; trailing blanks and tabs are ignored.
 //
 // Limits of the underlying parser (Little CMS 2.14): numbers keep 10
-// significant digits, and a mantissa without a decimal point followed by an
+// significant digits (the reader takes the digits as written where the
+// parser's value agrees with them, so nothing written is lost), and a mantissa without a decimal point followed by an
 // exponent (`3e-1`) is misread, so such values are rejected as not numeric
 // (write `0.3` or `3.0e-1`). It also garbles names that begin with a digit
 // (`5CLR_1`) and rewrites integers (`007` -> `7`), so field names and sample
@@ -102,12 +105,16 @@ struct ZKSMeasurementData {
     std::vector<float> spectra;
     // CIELAB as written (L*, a*, b* per patch), empty when the file has none.
     std::vector<double> lab;
+    // CIE XYZ as written (X, Y, Z per patch; CGATS files hold them on the
+    // 0-100 scale, a perfect reflector having Y = 100), empty when none.
+    std::vector<double> xyz;
 
     std::size_t PatchCount() const { return sampleIds.size(); }
     std::size_t ChannelCount() const { return channelNames.size(); }
     std::size_t BandCount() const { return wavelengths.size(); }
     bool HasSpectra() const { return !wavelengths.empty(); }
     bool HasLab() const { return !lab.empty(); }
+    bool HasXYZ() const { return !xyz.empty(); }
 };
 
 class KELMA_API ZKCMeasurementFile {
@@ -131,9 +138,12 @@ public:
     const ZKSMeasurementOptions& Options() const { return options_; }
 
     const ZKSMeasurementData& Data() const { return data_; }
-    // Header keyword value (e.g. "ILLUMINATION_NAME"), "" when absent; the
-    // first occurrence when a keyword repeats.
+    // Header keyword value as written (e.g. "D50" for ILLUMINATION_NAME;
+    // "ILLUMINANT, D50" for a pair such as WEIGHTING_FUNCTION), "" when
+    // absent; the first occurrence when a keyword repeats.
     std::string Property(const std::string& keyword) const;
+    // Every header keyword and its value, in file order.
+    const std::vector<std::pair<std::string, std::string>>& Properties() const { return properties_; }
 
     // The spectra on 400-700 nm / 10 nm through ZKCSpectralSampling_Thread:
     // PatchCount() records of 32 floats (slot 31 = 0.0), 16-byte aligned.

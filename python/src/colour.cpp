@@ -239,9 +239,60 @@ py::tuple ValidationSplitPy(const py::object& chartObj, const py::object& grid) 
     return py::make_tuple(IndexArray(split.gridPatches), IndexArray(split.half[0]), IndexArray(split.half[1]));
 }
 
+CArray<double> OneColour(const py::object& obj, const char* name) {
+    CArray<double> a = Triples(obj, name);
+    if (a.size() != 3) ThrowValue(std::string(name) + " must be one colour (3,), got shape " + ShapeString(a));
+    return a;
+}
+
+py::array_t<double> ToneValuePy(const py::object& xyzObj, const py::object& paperObj, const py::object& solidObj,
+                                const py::object& whiteObj) {
+    CArray<double> xyz = Triples(xyzObj, "xyz");
+    CArray<double> paper = OneColour(paperObj, "paper"), solid = OneColour(solidObj, "solid");
+    CArray<double> white = OneColour(whiteObj, "white");
+    CheckWhites(white, "white");
+    const double* p = paper.data();
+    const double* s = solid.data();
+    if (p[0] == s[0] && p[1] == s[1] && p[2] == s[2])
+        ThrowValue("paper and solid are the same colour: a tone value needs the solid to differ from the paper");
+    py::array_t<double> out(Shape(xyz.shape(), xyz.shape() + xyz.ndim() - 1));
+    kelma::SpotColourToneValue(xyz.data(), static_cast<std::size_t>(xyz.size()) / 3, p, s, white.data(),
+                               out.mutable_data());
+    return out;
+}
+
+py::array_t<double> MurrayDaviesPy(const py::object& xyzObj, const py::object& paperObj,
+                                   const py::object& solidObj) {
+    CArray<double> xyz = Triples(xyzObj, "xyz");
+    CArray<double> paper = OneColour(paperObj, "paper"), solid = OneColour(solidObj, "solid");
+    if (kelma::MurrayDaviesChannel(paper.data(), solid.data()) < 0)
+        ThrowValue("the solid is not darker than the paper in any of X, Y, Z: no Murray-Davies tone value");
+    py::array_t<double> out(Shape(xyz.shape(), xyz.shape() + xyz.ndim() - 1));
+    kelma::MurrayDaviesToneValue(xyz.data(), static_cast<std::size_t>(xyz.size()) / 3, paper.data(), solid.data(),
+                                 out.mutable_data());
+    return out;
+}
+
 }  // namespace
 
 void RegisterColour(py::module_& m) {
+    m.def("tone_value", &ToneValuePy, py::arg("xyz"), py::arg("paper"), py::arg("solid"), py::arg("white"),
+          R"doc(tone_value(xyz, paper, solid, white) -> float64 (...)
+
+Tone value in percent of tints of one ink (ISO 20654 spot colour tone
+value, from CIE XYZ): 0 for the paper, 100 for the solid. xyz (..., 3);
+paper, solid and the illuminant's white (3,), all on one scale (e.g. the
+library's, Y = 1 for a perfect reflector). The tone value increase of a
+tint printed at p % is tone_value - p.)doc");
+    m.def("murray_davies_tone_value", &MurrayDaviesPy, py::arg("xyz"), py::arg("paper"), py::arg("solid"),
+          R"doc(murray_davies_tone_value(xyz, paper, solid) -> float64 (...)
+
+Colorimetric Murray-Davies tone value in percent (effective dot area): the
+Murray-Davies equation on the tristimulus value with the largest solid
+density (X for cyan, Y for magenta, Z for yellow), 0 for the paper, 100
+for the solid. Its excess over the nominal value is the tone value
+increase (dot gain) press standards tabulate. xyz (..., 3); paper and
+solid (3,), on one scale.)doc");
     m.def(
         "predict_lab",
         [](const ZKCSSE_KELMA_Data& model, const py::object& inks, const py::object& illuminant,

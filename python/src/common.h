@@ -122,6 +122,7 @@ void RegisterClut(py::module_& m);
 void RegisterModelBuilding(py::module_& m);
 void RegisterModelFile(py::module_& m);
 void RegisterColour(py::module_& m);
+void RegisterFiles(py::module_& m);
 void RegisterSeparation(py::module_& m);
 void RegisterProfile(py::module_& m);
 

@@ -72,6 +72,7 @@ with the GIL released. Bad arguments raise TypeError or ValueError.)doc";
     kelma_py::RegisterModelBuilding(m);
     kelma_py::RegisterModelFile(m);
     kelma_py::RegisterColour(m);
+    kelma_py::RegisterFiles(m);
     kelma_py::RegisterSeparation(m);
     kelma_py::RegisterProfile(m);
 }

@@ -189,6 +189,30 @@ file raises FileNotFoundError.
 )doc")
         .def(py::init(&OpenFile), py::arg("path"), py::arg("required") = "spectra", py::kw_only(),
              py::arg("extrapolate") = false)
+        .def_static(
+            "from_text",
+            [](const py::object& text, const std::string& name, const py::object& required, bool extrapolate) {
+                std::string contents;
+                if (py::isinstance<py::str>(text))
+                    contents = text.cast<std::string>();
+                else if (py::isinstance<py::bytes>(text) || py::isinstance<py::bytearray>(text))
+                    contents = py::bytes(text).cast<std::string>();
+                else
+                    ThrowType("text must be str or bytes (the file's contents)");
+                const std::uint32_t mask = Required(required);
+                kelma::ZKSMeasurementOptions options;
+                options.extrapolate = extrapolate;
+                py::gil_scoped_release release;
+                return std::make_shared<kelma::ZKCMeasurementFile>(
+                    kelma::ZKCMeasurementFile::FromText(name, contents, mask, options));
+            },
+            py::arg("text"), py::arg("name") = "<text>", py::arg("required") = "spectra", py::kw_only(),
+            py::arg("extrapolate") = false,
+            R"doc(from_text(text, name='<text>', required='spectra', *, extrapolate=False) -> MeasurementFile
+
+A measurement file's contents (str, or bytes in any encoding the reader
+takes), read and checked as a file; `name` stands for the file in errors
+(e.g. '<stdin>'). At most 64 MiB.)doc")
         .def_property_readonly("extrapolate",
                                [](const kelma::ZKCMeasurementFile& f) { return f.Options().extrapolate; })
         .def_property_readonly("path", [](const kelma::ZKCMeasurementFile& f) { return f.Data().file; })
@@ -229,8 +253,21 @@ file raises FileNotFoundError.
                 return Table(d.lab, py::ssize_t(d.PatchCount()), 3);
             },
             "float64 (patches, 3): L*, a*, b* as written, or None when the file has none.")
+        .def_property_readonly(
+            "xyz",
+            [](const kelma::ZKCMeasurementFile& f) -> py::object {
+                const auto& d = f.Data();
+                if (!d.HasXYZ()) return py::none();
+                return Table(d.xyz, py::ssize_t(d.PatchCount()), 3);
+            },
+            "float64 (patches, 3): X, Y, Z as written (CGATS files: 0-100 scale), or None when the file has none.")
         .def("property", &kelma::ZKCMeasurementFile::Property, py::arg("keyword"),
-             "Header keyword value (e.g. 'ILLUMINATION_NAME'), '' when absent.")
+             "Header keyword value as written (e.g. 'D50' for ILLUMINATION_NAME, 'ILLUMINANT, D50' for a "
+             "WEIGHTING_FUNCTION pair), '' when absent; the first when a keyword repeats.")
+        .def_property_readonly(
+            "properties", [](const kelma::ZKCMeasurementFile& f) { return f.Properties(); },
+            "Every header keyword and its value as written, [(keyword, value), ...] in file order (a pair keyword "
+            "once per line).")
         .def(
             "resample",
             [](const kelma::ZKCMeasurementFile& f, const std::string& method) {

@@ -414,3 +414,59 @@ TEST(MeasurementFile, BrokenUtf16IsRefusedNamingWhere) {
                   .find("is marked as UTF-16 but holds an unpaired surrogate at byte 18"),
               std::string::npos);
 }
+
+TEST(MeasurementFile, SpectralFieldNamesOtherToolsWriteAreRead) {
+    // The same two-patch chart under every naming of its three bands.
+    auto Chart = [](const std::string& a, const std::string& b) {
+        return "CGATS.17\nNUMBER_OF_FIELDS 6\nBEGIN_DATA_FORMAT\nSAMPLE_ID RGB_R RGB_G RGB_B " + a + " " + b +
+               "\nEND_DATA_FORMAT\nNUMBER_OF_SETS 2\nBEGIN_DATA\n1 0 0 0 0.5 0.6\n2 1 1 1 0.25 0.75\nEND_DATA\n";
+    };
+    const std::vector<std::pair<std::string, std::string>> names = {
+        {"SPECTRAL_NM400", "SPECTRAL_NM700"}, {"SPECTRAL_NM_400", "SPECTRAL_NM_700"},
+        {"SPECTRAL_NM0400", "SPECTRAL_NM0700"}, {"spectral_nm400", "Spectral_Nm700"},
+        {"SPECTRAL_400", "SPECTRAL_700"}, {"SPEC_400", "SPEC_0700"}, {"spec_400", "spec_700"},
+        {"nm400", "nm700"}, {"NM_400", "NM0700"}, {"R400", "R700"}, {"R_0400", "r_700"}};
+    for (const auto& n : names) {
+        const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("names", Chart(n.first, n.second), MEASUREMENT_CONTENT_SPECTRA |
+                                                                                      MEASUREMENT_CONTENT_DEVICE);
+        EXPECT_EQ(f.Data().wavelengths, (std::vector<double>{400, 700})) << n.first;
+        EXPECT_EQ(f.Data().spectra, (std::vector<float>{0.5f, 0.6f, 0.25f, 0.75f})) << n.first;
+        EXPECT_EQ(f.Data().channelNames, (std::vector<std::string>{"RGB_R", "RGB_G", "RGB_B"})) << n.first;
+    }
+    // Names that only look like the short forms are other fields: a replicate
+    // number, a name, a bare prefix.
+    const std::string other =
+        "CGATS.17\nNUMBER_OF_FIELDS 7\nBEGIN_DATA_FORMAT\nSAMPLE_ID R1 NAME NM R nm400 nm700\nEND_DATA_FORMAT\n"
+        "NUMBER_OF_SETS 1\nBEGIN_DATA\n1 3 x 4 5 0.5 0.6\nEND_DATA\n";
+    EXPECT_EQ(ZKCMeasurementFile::FromText("other", other).Data().wavelengths, (std::vector<double>{400, 700}));
+    // The long prefixes mark spectral fields: a suffix that is not whole nm is an error.
+    const std::string badSpec =
+        "CGATS.17\nNUMBER_OF_FIELDS 3\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPEC_40O SPEC_700\nEND_DATA_FORMAT\n"
+        "NUMBER_OF_SETS 1\nBEGIN_DATA\n1 0.5 0.6\nEND_DATA\n";
+    EXPECT_NE(MeasurementError([&] { ZKCMeasurementFile::FromText("bad", badSpec); }, "bad")
+                  .find("cannot read the wavelength of field SPEC_40O"),
+              std::string::npos);
+    // Two names for one wavelength.
+    const std::string twice =
+        "CGATS.17\nNUMBER_OF_FIELDS 3\nBEGIN_DATA_FORMAT\nSAMPLE_ID R400 SPECTRAL_NM400\nEND_DATA_FORMAT\n"
+        "NUMBER_OF_SETS 1\nBEGIN_DATA\n1 0.5 0.6\nEND_DATA\n";
+    EXPECT_NE(MeasurementError([&] { ZKCMeasurementFile::FromText("twice", twice); }, "twice")
+                  .find("wavelength 400 nm appears in two spectral fields"),
+              std::string::npos);
+}
+
+TEST(MeasurementFile, XyzFieldsAreReadAsWrittenAllThreeOrNone) {
+    const std::string xyz =
+        "CGATS.17\nNUMBER_OF_FIELDS 5\nBEGIN_DATA_FORMAT\nSAMPLE_ID XYZ_X XYZ_Y XYZ_Z SPECTRAL_NM400\n"
+        "END_DATA_FORMAT\nNUMBER_OF_SETS 2\nBEGIN_DATA\n1 96.42 100 82.49 0.9\n2 0.123456789012345 1.5 2.25 0.1\n"
+        "END_DATA\n";
+    const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("xyz", xyz);
+    // All digits as written, beyond the ten the CGATS parser keeps.
+    EXPECT_EQ(f.Data().xyz, (std::vector<double>{96.42, 100, 82.49, 0.123456789012345, 1.5, 2.25}));
+    EXPECT_FALSE(f.Data().HasLab());
+    std::string partial = xyz;
+    partial.replace(partial.find("XYZ_Z"), 5, "XYZ_Q");
+    EXPECT_NE(MeasurementError([&] { ZKCMeasurementFile::FromText("partial", partial); }, "partial")
+                  .find("CIE XYZ fields incomplete, missing XYZ_Z"),
+              std::string::npos);
+}

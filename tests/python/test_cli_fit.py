@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import kelma
-from test_cli import CHART, failed_cleanly, run
+from test_cli import CHART, failed_cleanly, predicted, run
 
 
 def test_fine_grid_fit_reports_its_prior_and_predicts_the_chart(tmp_path):
@@ -21,8 +21,8 @@ def test_fine_grid_fit_reports_its_prior_and_predicts_the_chart(tmp_path):
     assert "fine-grid prior: 2 patches per node" in fixed.stdout
     inks = tmp_path / "inks.csv"
     inks.write_text("0,0,0,0\n70,40,0,0\n20,20,20,60\n")
-    mine = np.loadtxt(run("predict", inks, "--model", model).stdout.splitlines(), delimiter=",")
-    embedded = np.loadtxt(run("predict", inks).stdout.splitlines(), delimiter=",")
+    mine = predicted(run("predict", inks, "--model", model).stdout)
+    embedded = predicted(run("predict", inks).stdout)
     assert np.abs(mine - embedded).max() < 1.0
 
 
