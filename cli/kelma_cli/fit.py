@@ -11,11 +11,13 @@ from .common import UserError, add_extrapolate_option, parse_grid, read_chart
 
 def register(sub):
     p = sub.add_parser("fit", help="build a model from a measured chart (CGATS)")
-    p.add_argument("chart")
+    p.add_argument("chart", help="measured chart (CGATS with spectra and device values), or - for standard input")
     p.add_argument("--grid", required=True,
                    help="grid levels in percent, e.g. 0,40,100; per ink separated by ';', e.g. "
                         "'0,40,100;0,40,100;0,40,100;0,50,100'")
-    p.add_argument("--method", choices=("refined", "classic"), default="refined")
+    p.add_argument("--method", choices=("refined", "classic"), default="refined",
+                   help="refined (default): nodes, ramps and n fitted together to all patches; classic: nodes "
+                        "are the measured grid patches, ramps from the single-ink patches, n searched")
     p.add_argument("--estimate-missing", action="store_true",
                    help="estimate grid nodes the chart lacks (from a classic model on --coarse-grid)")
     p.add_argument("--coarse-grid", help="grid of the model that estimates missing nodes (default 0,100)")

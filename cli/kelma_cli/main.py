@@ -15,13 +15,18 @@ def _version():
     return kelma.__version__
 
 
-def main(argv=None):
+def build_parser():
+    """The parser of the whole command: one subparser per subcommand module."""
     parser = argparse.ArgumentParser(prog="kelma", description="Predict how a halftone print will look.")
     parser.add_argument("--version", action="version", version="kelma %s" % _version())
     sub = parser.add_subparsers(dest="command", required=True)
     for module in SUBCOMMANDS:
         module.register(sub)
-    args = parser.parse_args(argv)
+    return parser
+
+
+def main(argv=None):
+    args = build_parser().parse_args(argv)
     try:
         args.run(args)
     except BrokenPipeError:

@@ -26,10 +26,10 @@ def srgb_bytes(xyz, white):
 
 def register(sub):
     p = sub.add_parser("proof", help="soft-proof a CMYK image (TIFF/JPEG or .npy) into an sRGB PNG")
-    p.add_argument("image")
-    p.add_argument("out")
+    p.add_argument("image", help="CMYK image: TIFF, JPEG or a .npy array (rows, columns, 4) of bytes")
+    p.add_argument("out", help="sRGB PNG to write")
     p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
-    p.add_argument("--grid-points", type=int, default=17)
+    p.add_argument("--grid-points", type=int, default=17, help="points per axis of the CMYK table (default 17)")
     p.set_defaults(run=run)
 
 

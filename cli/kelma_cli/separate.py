@@ -1,6 +1,5 @@
 """kelma separate: ink amounts (percent) that reproduce CIELAB colours read from a CSV file."""
 import math
-import sys
 from pathlib import Path
 
 import numpy as np
@@ -8,11 +7,15 @@ import numpy as np
 import kelma
 
 from .common import UserError, add_colorimetry_options, load_model
+from .tables import STDIO, check_output_path, emit
 
 
 def register(sub):
     p = sub.add_parser("separate", help="separate CIELAB colours (CSV: L*,a*,b* per line) into ink percent")
     p.add_argument("colours", help="CSV with one colour per line: L*, a*, b* (a header line is allowed)")
+    p.add_argument("--out", default=STDIO,
+                   help="CSV file to write (exactly this name, written atomically), or - for standard output "
+                        "(default)")
     p.add_argument("--model", help="model file from 'kelma fit' (default: the embedded press model)")
     p.add_argument("--tac", type=int, default=300, help="total ink coverage limit in percent (default 300)")
     p.add_argument("--max-black", type=int, default=100, help="black limit in percent (default 100)")
@@ -53,6 +56,7 @@ def read_colours(path):
 
 
 def run(args):
+    check_output_path(args.out, "output")
     model = load_model(args.model, args.illuminant, args.observer)
     inks = model.inks
     if not 1 <= args.tac <= 100 * inks:
@@ -66,4 +70,4 @@ def run(args):
     separation = kelma.Separation(model, total_coverage=args.tac, max_black=args.max_black, gcr=args.gcr,
                                   media_relative=args.relative == "paper")
     percent = separation.inks(lab).astype(np.float64) * (100.0 / 255.0)
-    np.savetxt(sys.stdout, percent, fmt="%.2f", delimiter=",")
+    emit(args.out, "".join(",".join("%.2f" % v for v in row) + "\n" for row in percent.tolist()), "output")

@@ -216,3 +216,57 @@ def test_extrapolate_option_of_every_chart_reader(tmp_path, capsys):
     # The two-patch chart is read; what stops the fit is the chart itself.
     err = cli_error(capsys, ["fit", gap, "--grid", "0,100", "--out", tmp_path / "m.npz", "--extrapolate"])
     assert "grid nodes" in err and "extrapolated" not in err
+
+
+def test_every_option_of_every_subcommand_has_help():
+    import argparse
+    from kelma_cli.main import build_parser
+    subparsers = next(a for a in build_parser()._actions if isinstance(a, argparse._SubParsersAction))
+    missing = [(name, action.option_strings or action.dest)
+               for name, sub in subparsers.choices.items() for action in sub._actions
+               if not action.help or action.help == argparse.SUPPRESS]
+    assert missing == []
+    assert set(subparsers.choices) >= {"demo", "predict", "evaluate", "fit", "proof", "resample", "separate",
+                                       "profile"}
+
+
+def test_a_full_disk_leaves_every_earlier_output_intact(tmp_path):
+    """A file-size limit stands in for a full disk: the write fails part way
+    through, the command says so in one line naming the file, and the file
+    it would have replaced (a model, a profile) is untouched, with nothing
+    left beside it."""
+    import resource
+
+    def limit():
+        resource.setrlimit(resource.RLIMIT_FSIZE, (100000, 100000))
+
+    model = tmp_path / "press.kelma"
+    model.write_bytes((ROOT / "data" / "models" / "aptec_pc10_cmyk.kelma").read_bytes()[:50000])  # an earlier one
+    earlier_model = model.read_bytes()
+    profile = tmp_path / "press.icc"
+    profile.write_bytes(b"earlier profile")
+    for args, target in ((["fit", CHART, "--grid", "0,40,100", "--method", "classic", "--out", model], model),
+                         (["profile", "--model", ROOT / "data" / "models" / "aptec_pc10_cmyk.kelma",
+                           "--grid-points", "17", "--out", profile], profile)):
+        r = subprocess.run([sys.executable, str(CLI), *map(str, args)], capture_output=True, text=True,
+                           env=dict(os.environ), preexec_fn=limit, timeout=300)
+        failed_cleanly(r, str(target))
+        assert r.stderr.count("\n") == 1, r.stderr
+        assert sorted(p.name for p in tmp_path.iterdir()) == ["press.icc", "press.kelma"]
+    assert model.read_bytes() == earlier_model
+    assert profile.read_bytes() == b"earlier profile"
+
+
+def test_separate_writes_exactly_the_file_named_or_standard_output(tmp_path):
+    colours = tmp_path / "colours.csv"
+    colours.write_text("L,a,b\n50,0,0\n70,10,-20\n")
+    out = tmp_path / "inks.csv"
+    r = run("separate", colours, "--out", out)
+    assert r.returncode == 0, r.stderr
+    shown = run("separate", colours)
+    assert shown.returncode == 0 and shown.stdout == out.read_text()
+    rows = [list(map(float, line.split(","))) for line in shown.stdout.splitlines()]
+    assert len(rows) == 2 and all(len(r) == 4 and 0 <= min(r) and max(r) <= 100 for r in rows)
+    failed_cleanly(run("separate", colours, "--out", tmp_path), "is a directory")
+    failed_cleanly(run("separate", colours, "--out", tmp_path / "no" / "inks.csv"), "does not exist")
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["colours.csv", "inks.csv"]
