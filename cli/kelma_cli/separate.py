@@ -1,5 +1,6 @@
 """kelma separate: ink amounts (percent) that reproduce CIELAB colours read from a CSV file."""
 import math
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -12,7 +13,7 @@ from .tables import STDIO, check_output_path, emit
 
 def register(sub):
     p = sub.add_parser("separate", help="separate CIELAB colours (CSV: L*,a*,b* per line) into ink percent")
-    p.add_argument("colours", help="CSV with one colour per line: L*, a*, b* (a header line is allowed)")
+    p.add_argument("colours", help="CSV with one colour per line: L*, a*, b* (a header line is allowed), or - for standard input")
     p.add_argument("--out", default=STDIO,
                    help="CSV file to write (exactly this name, written atomically), or - for standard output "
                         "(default)")
@@ -27,29 +28,35 @@ def register(sub):
 
 def read_colours(path):
     """(count, 3) float64 from a CSV of L*, a*, b*; errors name the file and line."""
-    p = Path(path)
-    if not p.is_file():
-        raise UserError("colour file %s does not exist" % p)
+    if str(path) == "-":
+        p, lines = Path("<stdin>"), sys.stdin.buffer.read().decode("utf-8", errors="replace").splitlines()
+    else:
+        p = Path(path)
+        if not p.exists():
+            raise UserError("colour file %s does not exist" % p)
+        if p.is_dir():
+            raise UserError("colour file %s is a directory; give a CSV file" % p)
+        with open(p, encoding="utf-8", errors="replace") as f:
+            lines = f.read().splitlines()
     rows = []
-    with open(p, encoding="utf-8", errors="replace") as f:
-        for number, line in enumerate(f, start=1):
-            text = line.split("#", 1)[0].strip()
-            if not text:
-                continue
-            fields = [v.strip() for v in text.replace(";", ",").split(",")]
-            if len(fields) == 1:
-                fields = text.split()
-            try:
-                values = [float(v) for v in fields]
-            except ValueError:
-                if not rows and number == 1:
-                    continue  # a header
-                raise UserError("%s line %d: expected three numbers L*, a*, b*, got %r" % (p, number, text))
-            if len(values) != 3:
-                raise UserError("%s line %d: expected three values L*, a*, b*, got %d" % (p, number, len(values)))
-            if not all(math.isfinite(v) for v in values):
-                raise UserError("%s line %d: L*, a*, b* must be finite numbers, got %r" % (p, number, text))
-            rows.append(values)
+    for number, line in enumerate(lines, start=1):
+        text = line.split("#", 1)[0].strip()
+        if not text:
+            continue
+        fields = [v.strip() for v in text.replace(";", ",").split(",")]
+        if len(fields) == 1:
+            fields = text.split()
+        try:
+            values = [float(v) for v in fields]
+        except ValueError:
+            if not rows and number == 1:
+                continue  # a header
+            raise UserError("%s line %d: expected three numbers L*, a*, b*, got %r" % (p, number, text))
+        if len(values) != 3:
+            raise UserError("%s line %d: expected three values L*, a*, b*, got %d" % (p, number, len(values)))
+        if not all(math.isfinite(v) for v in values):
+            raise UserError("%s line %d: L*, a*, b* must be finite numbers, got %r" % (p, number, text))
+        rows.append(values)
     if not rows:
         raise UserError("%s holds no colour" % p)
     return np.array(rows, dtype=np.float64)

@@ -253,8 +253,13 @@ def emit(out, text, what):
         # sys.stdout.write after a partial write may not.
         sys.stdout.flush()
         data = memoryview(text.encode("utf-8"))
-        while data:
-            data = data[os.write(sys.stdout.fileno(), data):]
+        try:
+            while data:
+                data = data[os.write(sys.stdout.fileno(), data):]
+        except BrokenPipeError:
+            raise
+        except OSError as exc:
+            raise UserError("cannot write standard output: %s" % (exc.strerror or exc))
         return
     if Path(out).is_dir():
         raise UserError("%s %s is a directory; give a file name" % (what, out))

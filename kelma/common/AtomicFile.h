@@ -21,8 +21,13 @@ public:
 // Writes `content` to exactly `path` (no extension is added). A new file gets
 // the permissions 0666 less the process umask; an existing file keeps its
 // permissions. On failure the target is left as it was, the temporary file is
-// removed and ZKCFileWriteError is thrown. A symbolic link at `path` is
-// replaced by the file, not followed.
+// removed and ZKCFileWriteError is thrown.
+//
+// A symbolic link at `path` is followed: the file it names is replaced (its
+// temporary file beside that one), the link stays. A target that is not a
+// regular file (a device such as /dev/null or /dev/full, a pipe, a terminal)
+// cannot be replaced and is written straight into; its write errors (a full
+// device) are reported all the same. A directory is refused.
 KELMA_API void WriteFileAtomically(const std::string& path, const std::string& content);
 
 }  // namespace KELMA_NAMESPACE

@@ -267,6 +267,14 @@ def test_separate_writes_exactly_the_file_named_or_standard_output(tmp_path):
     assert shown.returncode == 0 and shown.stdout == out.read_text()
     rows = [list(map(float, line.split(","))) for line in shown.stdout.splitlines()]
     assert len(rows) == 2 and all(len(r) == 4 and 0 <= min(r) and max(r) <= 100 for r in rows)
+    piped = subprocess.run([sys.executable, str(CLI), "separate", "-"], input=colours.read_text(),
+                           capture_output=True, text=True, timeout=300)
+    assert piped.returncode == 0 and piped.stdout == shown.stdout, piped.stderr
+    with open("/dev/full", "w") as full:
+        r = subprocess.run([sys.executable, str(CLI), "separate", str(colours)], stdout=full,
+                           stderr=subprocess.PIPE, text=True, timeout=300)
+    failed_cleanly(r, "cannot write standard output: No space left on device")
     failed_cleanly(run("separate", colours, "--out", tmp_path), "is a directory")
+    failed_cleanly(run("separate", tmp_path), "is a directory")
     failed_cleanly(run("separate", colours, "--out", tmp_path / "no" / "inks.csv"), "does not exist")
     assert sorted(p.name for p in tmp_path.iterdir()) == ["colours.csv", "inks.csv"]
