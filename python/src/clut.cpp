@@ -27,6 +27,11 @@ unsigned GridPoints(long long n) {
     return static_cast<unsigned>(n);
 }
 
+// A grid_points argument as Python gives it (an int of any size).
+unsigned GridPoints(const py::handle& n) {
+    return static_cast<unsigned>(IntegerArgument(n, "grid_points", 2, 256, "2..256 (nodes per input axis)"));
+}
+
 // Refuses tables that would not fit in memory, rather than letting the
 // process run out of it. The driver's workers share one table: its cell
 // blocks (2^inputs corners per node) and, for four inputs, the node array.
@@ -108,7 +113,7 @@ ModelPtr ClutModel(const ModelPtr& model, const py::object& illuminant) {
     return WithSingleIlluminant(*model, illuminant);
 }
 
-ClutPtr FromModel(const ModelPtr& model, long long gridPoints, const py::object& illuminant) {
+ClutPtr FromModel(const ModelPtr& model, const py::object& gridPoints, const py::object& illuminant) {
     const unsigned n = GridPoints(gridPoints);
     ModelPtr use = ClutModel(model, illuminant);
     CheckMemory(n, 4, 3, true);
@@ -173,7 +178,7 @@ ClutPtr ClutFromState(const py::tuple& t) {
     if (t.size() != 4 || t[0].cast<int>() != 1)
         ThrowValue("cannot restore a kelma.Clut from this pickled state (another kelma version?)");
     const std::string kind = t[1].cast<std::string>();
-    if (kind == "model") return FromModel(t[2].cast<ModelPtr>(), t[3].cast<long long>(), py::none());
+    if (kind == "model") return FromModel(t[2].cast<ModelPtr>(), t[3], py::none());
     return FromNodes(t[2], t[3].cast<bool>());
 }
 
@@ -230,7 +235,7 @@ std::vector<unsigned long> Codes(const kelma::ZKCSSE_KELMA_Data& model, const py
     return out;
 }
 
-DispatcherPtr MakeDispatcher(const ModelPtr& model, const py::object& codes, long long gridPoints) {
+DispatcherPtr MakeDispatcher(const ModelPtr& model, const py::object& codes, const py::object& gridPoints) {
     const unsigned n = GridPoints(gridPoints);
     std::vector<unsigned long> list = Codes(*model, codes);
     CheckMemory(n, 4, 3, true);
@@ -251,7 +256,7 @@ An 8-bit colour look-up table applied by multilinear interpolation in fixed
 point (1/32 of a cell per axis), on all processors. Build it with
 Clut.from_model or Clut.from_nodes.
 )doc")
-        .def_static("from_model", &FromModel, py::arg("model"), py::arg("grid_points") = 17, py::kw_only(),
+        .def_static("from_model", &FromModel, py::arg("model"), py::arg("grid_points") = py::int_(17), py::kw_only(),
                     py::arg("illuminant") = py::none(),
                     R"doc(CLUT of a 4-ink model: 4 ink bytes in, the 3 LAB2000HL bytes the model
 predicts (illuminant- or media-relative as the model says) out.
@@ -297,7 +302,7 @@ SubModelDispatcher(model, codes, grid_points=17)
     codes: non-empty sequence of ink-subset masks (bit i keeps ink i), each
         selecting exactly 4 of the model's inks.
 )doc")
-        .def(py::init(&MakeDispatcher), py::arg("model"), py::arg("codes"), py::arg("grid_points") = 17)
+        .def(py::init(&MakeDispatcher), py::arg("model"), py::arg("codes"), py::arg("grid_points") = py::int_(17))
         .def_property_readonly("code", [](const Dispatcher& d) { return d.Read([&] { return d.d->Code(); }); }, "Code at the current index.")
         .def_property_readonly("index", [](const Dispatcher& d) { return d.Read([&] { return d.d->CurrentIndex(); }); })
         .def_property_readonly("illuminant", [](const Dispatcher& d) { return d.Read([&] { return d.d->IlluminantIndex(); }); })
@@ -313,11 +318,10 @@ SubModelDispatcher(model, codes, grid_points=17)
              "Previous code (the last before the first), illuminant 0.")
         .def(
             "set_illuminant",
-            [](Dispatcher& d, long long k) {
+            [](Dispatcher& d, const py::object& index) {
                 const long long L = d.d->IlluminantNumber();
-                if (k < 0 || k >= L)
-                    ThrowValue("Invalid IlluminantIndex: illuminant index must be in 0.." + std::to_string(L - 1) +
-                               ", got " + std::to_string(k));
+                const long long k = IntegerArgument(index, "illuminant index", 0, L - 1,
+                                                    "in 0.." + std::to_string(L - 1));
                 d.Rebuild([&] { d.d->SetIlluminant(static_cast<unsigned long>(k)); });
             },
             py::arg("index"), "Rebuilds the current CLUT under illuminant `index` of the model.")

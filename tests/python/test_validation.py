@@ -263,7 +263,7 @@ class TestClutArguments:
         with pytest.raises(ValueError, match="grid_points must be 2..256"):
             kelma.SubModelDispatcher(model, [0x0F], 0)
         d = kelma.SubModelDispatcher(model, [0x0F], 2)
-        with pytest.raises(ValueError, match="Invalid IlluminantIndex"):
+        with pytest.raises(ValueError, match=r"illuminant index must be in 0\.\.0, got"):
             d.set_illuminant(-1)
 
 
