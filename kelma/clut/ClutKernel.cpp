@@ -8,6 +8,7 @@
 // AVX-512 (32 vector registers, EVEX forms) were 3-10 % slower, and two
 // pixels per 512-bit vector would need more lane inserts than they save.
 #include "kelma/clut/ClutKernel.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -19,7 +20,7 @@ KERNEL_VARIANT ClutKernelVariant(KERNEL_VARIANT variant) {
         case KERNEL_AVX2:
         case KERNEL_AVX512: return KERNEL_AVX2;
     }
-    throw "DefaultCase";
+    throw kErrorDefaultCase;
 }
 
 void InterpolateClut3(KERNEL_VARIANT variant, const ZKSClutTables3& t, unsigned m, const std::uint8_t* in,

@@ -17,6 +17,7 @@
 
 #include "kelma/clut/ClutKernel.h"
 #include "kelma/clut/ClutKernel_Shuffles.h"
+#include "kelma/common/LibraryErrors.h"
 
 #define KELMA_AVX2 __attribute__((target("avx2")))
 
@@ -258,7 +259,7 @@ KELMA_AVX2 void InterpolateClut3_AVX2(const ZKSClutTables3& t, unsigned m, const
         case 3: Drive<3, 3>(Pixel3x3(t), map, t.identityOutput, in, out, count); break;
         case 4: Drive<3, 4>(Pixel3x4(t), map, t.identityOutput, in, out, count); break;
         case 7: Drive<3, 7>(Pixel3x7(t), map, t.identityOutput, in, out, count); break;
-        default: throw "DefaultCase";
+        default: throw kErrorDefaultCase;
     }
 }
 

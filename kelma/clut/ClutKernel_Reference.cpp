@@ -2,6 +2,7 @@
 // and one corner at a time, reading the shared weight table row by row and the
 // corner-major cell blocks. The optimised kernels are checked against these.
 #include "kelma/clut/ClutKernel.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -36,7 +37,7 @@ void InterpolateClut3_Reference(const ZKSClutTables3& t, unsigned m, const std::
         case 3: Interpolate3<3>(t, in, out, count); break;
         case 4: Interpolate3<4>(t, in, out, count); break;
         case 7: Interpolate3<7>(t, in, out, count); break;
-        default: throw "DefaultCase";
+        default: throw kErrorDefaultCase;
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include "kelma/clut/ClutKernel.h"
 #include "kelma/clut/ClutKernel_Shuffles.h"
+#include "kelma/common/LibraryErrors.h"
 
 #define KELMA_SSSE3 __attribute__((target("ssse3")))
 
@@ -175,7 +176,7 @@ KELMA_SSSE3 void InterpolateClut3_SSSE3(const ZKSClutTables3& t, unsigned m, con
         case 3: Interpolate3x3(t, in, out, count); break;
         case 4: Interpolate3x4(t, in, out, count); break;
         case 7: Interpolate3x7(t, in, out, count); break;
-        default: throw "DefaultCase";
+        default: throw kErrorDefaultCase;
     }
 }
 

@@ -1,4 +1,5 @@
 #include "kelma/clut/ClutTables.h"
+#include "kelma/common/LibraryErrors.h"
 
 #include <sys/mman.h>
 
@@ -63,7 +64,7 @@ std::vector<OutputMapEntry> IdentityOutputMap() {
 void ZKCClutWeightTable::Free::operator()(std::uint32_t* p) const { std::free(p); }
 
 ZKCClutWeightTable::ZKCClutWeightTable(unsigned inputs) : inputs_(inputs), pairs_(1024 * 4) {
-    if (inputs != 3 && inputs != 4) throw "DefaultCase";
+    if (inputs != 3 && inputs != 4) throw kErrorDefaultCase;
     const unsigned corners = Corners();
     rowCount_ = (std::size_t(1) << (5 * inputs)) + 1;
     // 64-byte rows of four inputs each fill one cache line (32-byte rows half of
@@ -131,7 +132,7 @@ struct SharedTableSlot {
 
 SharedTableSlot& SlotOf(unsigned inputs) {
     static SharedTableSlot slots[2];
-    if (inputs != 3 && inputs != 4) throw "DefaultCase";
+    if (inputs != 3 && inputs != 4) throw kErrorDefaultCase;
     return slots[inputs - 3];
 }
 

@@ -1,6 +1,7 @@
 #include "kelma/clut/ZKCKELMA_SubModel_Dispatcher.h"
 
 #include "kelma/model/ZKCSSE_KELMA_Datafilter.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -57,12 +58,12 @@ unsigned long ZKCKELMA_SubModel_Dispatcher::IlluminantNumber() const {
 INK_SET ZKCKELMA_SubModel_Dispatcher::Total_InkSet() const { return model_.Total_InkSet(); }
 
 void ZKCKELMA_SubModel_Dispatcher::Init(const unsigned char* input, unsigned char* output, unsigned long count) {
-    if (!worker_) throw "DefaultCase";
+    if (!worker_) throw kErrorDefaultCase;
     worker_->Init(input, output, count);
 }
 
 void ZKCKELMA_SubModel_Dispatcher::Calculate() {
-    if (!worker_) throw "DefaultCase";
+    if (!worker_) throw kErrorDefaultCase;
     worker_->Calculate();
 }
 

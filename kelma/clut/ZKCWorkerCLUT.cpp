@@ -1,4 +1,5 @@
 #include "kelma/clut/ZKCWorkerCLUT.h"
+#include "kelma/common/LibraryErrors.h"
 
 #include <cstring>
 
@@ -9,7 +10,7 @@ namespace {
 // 2 <= n <= 256: see kClutMinGridPoints and kClutMaxGridPoints.
 std::uint32_t CheckedGridPoints(CLUT_ACCURACY accuracy) {
     const std::uint32_t n = static_cast<std::uint32_t>(accuracy);
-    if (n < kClutMinGridPoints || n > kClutMaxGridPoints) throw "DefaultCase";
+    if (n < kClutMinGridPoints || n > kClutMaxGridPoints) throw kErrorDefaultCase;
     return n;
 }
 

@@ -8,6 +8,7 @@
 #include "kelma/clut/ZKCWorkerCLUT.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -20,7 +21,7 @@ namespace {
 // has several; hosts reduce it to the one they want beforehand), padded with
 // zeros to (n + 1)^d * 3 bytes for the cells that read past the last node.
 std::vector<unsigned char> PredictNodes(const ZKCSSE_KELMA_Data& model, std::uint32_t n, unsigned d) {
-    if (model.NumberOfInks() != d) throw "DefaultCase";
+    if (model.NumberOfInks() != d) throw kErrorDefaultCase;
     const std::size_t nodes = ClutNodeCount(n, d);
     if (nodes > std::numeric_limits<unsigned int>::max()) throw std::bad_alloc();
 

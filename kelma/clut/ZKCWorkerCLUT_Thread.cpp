@@ -2,6 +2,7 @@
 
 #include "kelma/clut/ZKCWorkerCLUT.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -39,7 +40,7 @@ void ZKCWorkerCLUT_Thread::ThreadDistribution_KELMA_Data(const ZKCSSE_KELMA_Data
     switch (model.NumberOfInks()) {
         case 3: FillWith(std::make_shared<ZKCWorkerCLUT_3x3>(model, accuracy)); return;
         case 4: FillWith(std::make_shared<ZKCWorkerCLUT_4x3>(model, accuracy)); return;
-        default: throw "DefaultCase";
+        default: throw kErrorDefaultCase;
     }
 }
 
@@ -49,11 +50,11 @@ void ZKCWorkerCLUT_Thread::ThreadDistribution(const unsigned char* nodes, unsign
     workers_.assign(active_, nullptr);
     threads_ = std::make_shared<ZKCWorkerThreads>(active_);
     if (inputChannels == 4) {
-        if (outputChannels != 3) throw "DefaultCase";
+        if (outputChannels != 3) throw kErrorDefaultCase;
         FillWith(std::make_shared<ZKCWorkerCLUT_4x3>(nodes, accuracy));
         return;
     }
-    if (inputChannels != 3) throw "DefaultCase";
+    if (inputChannels != 3) throw kErrorDefaultCase;
     switch (outputChannels) {
         case 3:
             if (inLAB)
@@ -74,7 +75,7 @@ void ZKCWorkerCLUT_Thread::ThreadDistribution(const unsigned char* nodes, unsign
                 FillWith(std::make_shared<ZKCWorkerCLUT_3x7>(nodes, accuracy));
             return;
         default:
-            throw "DefaultCase";
+            throw kErrorDefaultCase;
     }
 }
 

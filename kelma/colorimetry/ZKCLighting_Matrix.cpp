@@ -8,6 +8,7 @@
 #include "kelma/colorimetry/LabBytes_Scalar.h"
 #include "kelma/colorimetry/ZKCWhitePoint.h"
 #include "kelma/common/KernelVariant.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -70,7 +71,7 @@ ZKCLighting_Matrix& ZKCLighting_Matrix::operator+=(const ZKCLighting_Matrix& oth
 
 void ZKCLighting_Matrix::ExtractSingleIlluminant_Lighting_Matrix(ZKCLighting_Matrix& out,
                                                                  unsigned long index) const {
-    if (index >= count_) throw "Invalid IlluminantIndex";
+    if (index >= count_) throw kErrorInvalidIlluminantIndex;
     out = ZKCLighting_Matrix(weights_.data() + index * kLightingBlock, 1);
 }
 

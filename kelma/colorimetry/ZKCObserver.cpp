@@ -1,4 +1,5 @@
 #include "kelma/colorimetry/ZKCObserver.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -45,7 +46,7 @@ ZKCObserver::ZKCObserver(OBSERVER_TYPE type) {
             observer_ = std::make_shared<ZKCObserver_CIE10>();
             break;
         default:
-            throw "DefaultCase";
+            throw kErrorDefaultCase;
     }
 }
 

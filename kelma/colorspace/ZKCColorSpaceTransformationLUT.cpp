@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "kelma/colorspace/Lab2000hlTables.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -108,7 +109,7 @@ void ZKCColorSpaceTransformationLUT_Thread::ThreadDistribution(COLORSPACETRANSFO
     workers_.clear();
     workers_.resize(n);
     threads_.Resize(n);
-    if (type != COLORSPACETRANSFORMATION_LAB2LAB2000HL) throw "DefaultCase";
+    if (type != COLORSPACETRANSFORMATION_LAB2LAB2000HL) throw kErrorDefaultCase;
     for (auto& w : workers_) w.reset(new ZKCColorSpaceTransformationLUT_LAB2LAB2000HL());
 }
 
@@ -122,7 +123,7 @@ void ZKCColorSpaceTransformationLUT_Thread::Init(const double* lab, double* lhl,
 void ZKCColorSpaceTransformationLUT_Thread::Calculate() {
     for (unsigned int j = 0; j < used_; ++j) {
         if (workers_[0]->GetColorSpaceTransformation() != COLORSPACETRANSFORMATION_LAB2LAB2000HL)
-            throw "DefaultCase";
+            throw kErrorDefaultCase;
         threads_.Start(j, *workers_[j]);
     }
     threads_.JoinAll(used_);

@@ -3,6 +3,7 @@
 #include "kelma/prediction/CellSums_Scalar.h"
 #include "kelma/prediction/YuleNielsenPower.h"
 #include "kelma/prediction/YuleNielsenPower_Scalar.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -33,7 +34,7 @@ void PredictSamples_Reference(unsigned int inks, const ZKSPredictionJob& job, un
         case 4: return ScalarTwins<4>(job, count, input, out);
         case 6: return ScalarTwins<16>(job, count, input, out);
         case 7: return ScalarTwins<32>(job, count, input, out);
-        default: throw "DefaultCase";
+        default: throw kErrorDefaultCase;
     }
 }
 
@@ -43,7 +44,7 @@ void PredictSamples_SSE2(unsigned int inks, const ZKSPredictionJob& job, unsigne
         case 4: return PredictSamples_SSESums<4, 5>(job, count, input, out, YuleNielsenPower_SSE2);
         case 6: return PredictSamples_SSESums<16, 3>(job, count, input, out, YuleNielsenPower_SSE2);
         case 7: return PredictSamples_SSESums<32, 3>(job, count, input, out, YuleNielsenPower_SSE2);
-        default: throw "DefaultCase";
+        default: throw kErrorDefaultCase;
     }
 }
 

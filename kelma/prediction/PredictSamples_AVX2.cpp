@@ -8,6 +8,7 @@
 #include "kelma/prediction/PredictSamples.h"
 #include "kelma/prediction/YuleNielsenPower.h"
 #include "kelma/prediction/YuleNielsenPower_AVX2.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -50,7 +51,7 @@ void PredictSamples_AVX2(unsigned int inks, const ZKSPredictionJob& job, unsigne
             return lanes ? LaneMajor_AVX2<32>(job, count, input, out)
                          : PredictSamples_SSESums<32, 3>(job, count, input, out, YuleNielsenPower_AVX2);
         default:
-            throw "DefaultCase";
+            throw kErrorDefaultCase;
     }
 }
 

@@ -10,6 +10,7 @@
 #include "kelma/prediction/PredictSamples.h"
 #include "kelma/prediction/YuleNielsenPower.h"
 #include "kelma/prediction/YuleNielsenPower_AVX512.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -54,7 +55,7 @@ void PredictSamples_AVX512(unsigned int inks, const ZKSPredictionJob& job, unsig
             return lanes ? LaneMajor_AVX512<32>(job, count, input, out)
                          : PredictSamples_SSESums<32, 3>(job, count, input, out, YuleNielsenPower_AVX512);
         default:
-            throw "DefaultCase";
+            throw kErrorDefaultCase;
     }
 }
 

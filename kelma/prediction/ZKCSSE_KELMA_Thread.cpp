@@ -4,6 +4,7 @@
 #include "kelma/prediction/ZKCSSE_KELMA_4D.h"
 #include "kelma/prediction/ZKCSSE_KELMA_6D.h"
 #include "kelma/prediction/ZKCSSE_KELMA_7D.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -23,7 +24,7 @@ std::unique_ptr<ZKCSSE_KELMA_Base> MakeKernel(const ZKCSSE_KELMA_Data& data, uns
             return std::make_unique<ZKCSSE_KELMA_7D>(data, count, input, spectra, bytes, valuesPerSample,
                                                      spectrumStride);
         default:
-            throw "DefaultCase";
+            throw kErrorDefaultCase;
     }
 }
 
@@ -40,7 +41,7 @@ ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned
 ZKCSSE_KELMA_Thread::ZKCSSE_KELMA_Thread(const ZKCSSE_KELMA_Data& data, unsigned int count, unsigned char* input,
                                          float* output, SPECTRUM_LAYOUT layout)
     : model_(data) {
-    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw "DefaultCase";
+    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw kErrorDefaultCase;
     packed_ = layout == SPECTRUM_PACKED;
     ThreadDistribution(model_, count, input, output, nullptr, kSpectralValues,
                        packed_ ? kSpectralValues : kSpectrumStride);
@@ -72,7 +73,7 @@ void ZKCSSE_KELMA_Thread::ThreadDistribution(const ZKCSSE_KELMA_Data& data, unsi
     std::size_t bytesPerSample = valuesPerSample;
     if (bytes != nullptr && valuesPerSample == kSpectralValues)
         bytesPerSample = 3 * std::size_t{data.Lighting_Matrix().IlluminantNumber()};
-    if (!HasKernel(N)) throw "DefaultCase";
+    if (!HasKernel(N)) throw kErrorDefaultCase;
     // One choice of kernels for every share and every later Calculate.
     variant_ = ActiveKernelVariant();
     laneScheme_.reset();
@@ -96,7 +97,7 @@ namespace {
 // batch pays for copying the blocks (it is not the model copy the driver makes).
 void RunOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count, const unsigned char* input,
                         float* spectra, unsigned char* bytes, bool packed, bool cielab) {
-    if (!HasKernel(data.NumberOfInks())) throw "DefaultCase";
+    if (!HasKernel(data.NumberOfInks())) throw kErrorDefaultCase;
     if (count == 0) return;
     const KERNEL_VARIANT variant = ActiveKernelVariant();
     std::unique_ptr<ZKCLaneMajorScheme> lanes;
@@ -117,7 +118,7 @@ void RunOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count, const
 void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data, unsigned int count,
                                                    const unsigned char* input, float* output,
                                                    SPECTRUM_LAYOUT layout) {
-    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw "DefaultCase";
+    if (layout != SPECTRUM_PACKED && layout != SPECTRUM_PADDED) throw kErrorDefaultCase;
     RunOnCallingThread(data, count, input, output, nullptr, layout == SPECTRUM_PACKED, false);
 }
 
@@ -148,7 +149,7 @@ void ZKCSSE_KELMA_Thread::Init(unsigned char* input, unsigned char* output, bool
 
 void ZKCSSE_KELMA_Thread::Calculate() {
     for (std::size_t i = 0; i < kernels_.size(); ++i) {
-        if (!HasKernel(model_.NumberOfInks())) throw "DefaultCase";
+        if (!HasKernel(model_.NumberOfInks())) throw kErrorDefaultCase;
         threads_.Start(i, *kernels_[i]);
     }
     threads_.JoinAll(kernels_.size());

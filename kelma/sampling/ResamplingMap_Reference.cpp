@@ -1,6 +1,7 @@
 // Scalar twin of the resampling-map kernels (ResamplingMap.h) and the
 // dispatch between them.
 #include "kelma/sampling/ResamplingMap.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -12,7 +13,7 @@ KERNEL_VARIANT ResamplingMapVariant(KERNEL_VARIANT variant) {
         case KERNEL_AVX2: return KERNEL_AVX2;
         case KERNEL_AVX512: return KERNEL_AVX512;
     }
-    throw "DefaultCase";
+    throw kErrorDefaultCase;
 }
 
 void ApplyResamplingMap(KERNEL_VARIANT variant, const double* map, std::size_t n, const float* in, float* out,

@@ -7,16 +7,17 @@
 #include <new>
 
 #include "kelma/sampling/ResamplingMap.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
 ZKCSpectralSampling_Base::ZKCSpectralSampling_Base(const std::vector<double>& wavelengths)
     : wavelengths_(wavelengths) {
-    if (wavelengths_.size() < 2) throw "Wavelength-list has less than 2 elements";
+    if (wavelengths_.size() < 2) throw kErrorShortWavelengthList;
     // A NaN would also break the sort's ordering (and with it its bounds).
     for (double w : wavelengths_)
-        if (!std::isfinite(w)) throw "Invalid wavelength range";
-    if (wavelengths_.front() > 400.0 && wavelengths_.back() < 700.0) throw "Invalid wavelength range";
+        if (!std::isfinite(w)) throw kErrorInvalidWavelengthRange;
+    if (wavelengths_.front() > 400.0 && wavelengths_.back() < 700.0) throw kErrorInvalidWavelengthRange;
     std::sort(wavelengths_.begin(), wavelengths_.end());
 }
 

@@ -1,6 +1,7 @@
 #include "kelma/sampling/ZKCSpectralSampling_Thread.h"
 
 #include "kelma/sampling/ZKCSpectralSampling.h"
+#include "kelma/common/LibraryErrors.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -28,7 +29,7 @@ void ZKCSpectralSampling_Thread::ThreadDistribution(const std::vector<double>& w
                 worker.reset(new ZKCSpectralSampling_CubicSpline(wavelengths));
                 break;
             default:
-                throw "DefaultCase";
+                throw kErrorDefaultCase;
         }
     }
     bands_ = static_cast<unsigned long>(workers_.front()->Wavelengths().size());
