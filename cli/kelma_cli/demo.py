@@ -6,9 +6,11 @@ import numpy as np
 import kelma
 
 from .common import ROOT, Step, UserError, read_chart, save_figure
-from .proof import proof_clut, save_png
+from .proof import proof, save_image
 
 INKS = ("cyan", "magenta", "yellow", "black")
+PROOF_ILLUMINANTS = ["D50", "A", "F11"]
+METAMER_GREYS = (85, 70, 55, 40)
 INK_COLOURS = ("#00a0e0", "#e0007a", "#e8c000", "#202020")
 
 
@@ -22,16 +24,27 @@ def register(sub):
     p.set_defaults(run=run)
 
 
-def test_image(height=480, width=768):
-    """A CMYK test form: single-ink and overprint ramps, a grey balance strip, a K ramp."""
+def cmyk_test_form(model, height=480, width=768):
+    """A CMYK test form: single-ink and overprint ramps, a grey balance strip,
+    a K ramp, and metamer pairs: greys of L* 85, 70, 55 and 40 separated by
+    the library twice, from C, M and Y only (left of each pair) and from
+    black (right), equal under D50 and apart under other light."""
     x = np.linspace(0, 255, width)
-    image = np.zeros((height, width, 4), np.uint8)
     bands = [(1, 0, 0, 0), (0, 1, 0, 0), (0, 0, 1, 0), (0, 0, 0, 1), (1, 1, 0, 0), (0, 1, 1, 0),
              (1, 0, 1, 0), (1, 1, 1, 0), (0.75, 0.62, 0.62, 0), (1, 1, 1, 1)]
-    rows = height // len(bands)
+    rows = height // (len(bands) + 2)
+    image = np.zeros((rows * (len(bands) + 2), width, 4), np.uint8)
     for i, band in enumerate(bands):
         for c in range(4):
             image[i * rows:(i + 1) * rows, :, c] = np.floor(x * band[c] + 0.5).astype(np.uint8)
+    greys = np.array([[lightness, 0.0, 0.0] for lightness in METAMER_GREYS])
+    cmy = kelma.Separation(model, gcr=0).inks(greys)
+    black = kelma.Separation(model, gcr=100).inks(greys)
+    pair = width // len(METAMER_GREYS)
+    top = len(bands) * rows
+    for k in range(len(METAMER_GREYS)):
+        image[top:, k * pair:k * pair + pair // 2] = cmy[k]
+        image[top:, k * pair + pair // 2:(k + 1) * pair] = black[k]
     return image
 
 
@@ -199,13 +212,17 @@ def run(args):
         plot_tone_values(out, plt, model, chart, measured_xyz, white)
         print("   wrote %s" % ", ".join(str(out / n) for n in ("accuracy.png", "gamut.png", "tone_values.png")))
 
-    with Step("building a 17-point CMYK -> sRGB CLUT from the model"):
-        clut = proof_clut(model, 17)
+    with Step("soft-proofing a generated CMYK test form through the model's ICC profile (Little CMS)"):
+        image = cmyk_test_form(model)
+        rgb, _ = proof(image, model, ["D50"])
+        save_image(out / "proof.png", rgb, "PNG")
+        print("   wrote %s (%dx%d, D50, relative colorimetric, sRGB)" % (out / "proof.png", image.shape[1],
+                                                                         image.shape[0]))
 
-    with Step("soft-proofing a generated CMYK test form"):
-        image = test_image()
-        save_png(out / "proof.png", clut.apply(image))
-        print("   wrote %s (%dx%d)" % (out / "proof.png", image.shape[1], image.shape[0]))
+    with Step("the same form under D50, A and F11 side by side"):
+        rgb, _ = proof(image[::2, ::2], model, PROOF_ILLUMINANTS)
+        save_image(out / "proof_illuminants.png", rgb, "PNG")
+        print("   wrote %s" % (out / "proof_illuminants.png"))
 
     print("\nTimings")
     for title, elapsed in Step.timings:

@@ -15,9 +15,20 @@ def _version():
     return kelma.__version__
 
 
+class _Parser(argparse.ArgumentParser):
+    """argparse with kelma's failure convention: one line `kelma: error: ...`
+    and exit status 1 for a bad command line too (the usage is one --help away)."""
+
+    def error(self, message):
+        command = self.prog[len("kelma"):].strip()
+        where = ("%s: " % command) if command else ""
+        hint = "kelma %s --help" % command if command else "kelma --help"
+        self.exit(1, "kelma: error: %s%s (see %s)\n" % (where, message, hint))
+
+
 def build_parser():
     """The parser of the whole command: one subparser per subcommand module."""
-    parser = argparse.ArgumentParser(prog="kelma", description="Predict how a halftone print will look.")
+    parser = _Parser(prog="kelma", description="Predict how a halftone print will look.")
     parser.add_argument("--version", action="version", version="kelma %s" % _version())
     sub = parser.add_subparsers(dest="command", required=True)
     for module in SUBCOMMANDS:

@@ -25,7 +25,7 @@ def run(*args, cwd=None):
 def failed_cleanly(result, *words):
     assert result.returncode != 0
     assert "Traceback" not in result.stderr
-    assert result.stderr.startswith("kelma: error:") or "usage:" in result.stderr
+    assert result.stderr.startswith("kelma: error:") and result.stderr.count("\n") == 1, result.stderr
     for w in words:
         assert w in result.stderr, result.stderr
 
@@ -44,7 +44,7 @@ def is_png(path):
 def test_demo_prints_the_accuracy_table_and_writes_both_pngs(tmp_path):
     r = run("demo", "--out", tmp_path)
     assert r.returncode == 0, r.stderr
-    pictures = ["accuracy.png", "gamut.png", "proof.png", "spectra.png", "tone_values.png"]
+    pictures = ["accuracy.png", "gamut.png", "proof.png", "proof_illuminants.png", "spectra.png", "tone_values.png"]
     assert sorted(p.name for p in tmp_path.iterdir()) == pictures
     assert all(is_png(tmp_path / name) for name in pictures)
     rows = {line[:34].strip(): line[34:].split() for line in r.stdout.splitlines() if line[34:].strip()}

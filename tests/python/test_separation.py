@@ -195,7 +195,7 @@ def run(*args):
 def failed_cleanly(result, *words):
     assert result.returncode != 0
     assert "Traceback" not in result.stderr
-    assert result.stderr.startswith("kelma: error:") or "usage:" in result.stderr
+    assert result.stderr.startswith("kelma: error:") and result.stderr.count("\n") == 1, result.stderr
     for w in words:
         assert w in result.stderr, result.stderr
 
