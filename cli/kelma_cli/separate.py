@@ -76,5 +76,5 @@ def run(args):
     lab = read_colours(args.colours)
     separation = kelma.Separation(model, total_coverage=args.tac, max_black=args.max_black, gcr=args.gcr,
                                   media_relative=args.relative == "paper")
-    percent = separation.inks(lab).astype(np.float64) * (100.0 / 255.0)
+    percent = kelma.ink_percent(separation.inks(lab))
     emit(args.out, "".join(",".join("%.2f" % v for v in row) + "\n" for row in percent.tolist()), "output")

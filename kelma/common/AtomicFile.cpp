@@ -71,10 +71,10 @@ void WriteFileAtomically(const std::string& given, const std::string& content) {
     // Follow a symbolic link to the file it names; a dangling link is
     // replaced by the new file.
     std::string path = given;
-    struct stat link {};
+    struct stat entry {};
     struct stat existing {};
     const bool exists = ::stat(given.c_str(), &existing) == 0;
-    if (exists && ::lstat(given.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+    if (exists && ::lstat(given.c_str(), &entry) == 0 && S_ISLNK(entry.st_mode)) {
         if (char* resolved = ::realpath(given.c_str(), nullptr)) {
             path = resolved;
             std::free(resolved);

@@ -276,8 +276,8 @@ TEST(ICCOutputProfile, EveryNodeMeetsTheLimitsAndGamtIsTheSeparationsGamutTest) 
         EXPECT_EQ(gamutValue(centre), 0) << node;
     }
     EXPECT_GT(insideCells, 20u);
-    for (const double* far : {std::vector<double>{50, 100, 100}.data(), std::vector<double>{95, 0, -90}.data()})
-        EXPECT_GT(gamutValue(far), 1000);
+    const double farOut[2][3] = {{50, 100, 100}, {95, 0, -90}};
+    for (const double* far : farOut) EXPECT_GT(gamutValue(far), 1000);
 
     std::vector<double> dense;
     for (double L = 0; L <= 100; L += 5)
