@@ -100,6 +100,18 @@ def save_figure(fig, path, dpi=None):
     kelma.write_file_atomically(path, buffer.getvalue())
 
 
+def check_separation_limits(args, inks):
+    """--tac, --max-black and --gcr of a separation of `inks` inks, as
+    kelma separate and kelma profile take them."""
+    if not 1 <= args.tac <= 100 * inks:
+        raise UserError("--tac %d: the total coverage must be 1..%d percent (0 leaves nothing but the paper)"
+                        % (args.tac, 100 * inks))
+    if not 0 <= args.max_black <= 100:
+        raise UserError("--max-black %d: the black limit must be 0..100 percent" % args.max_black)
+    if not 0 <= args.gcr <= 100:
+        raise UserError("--gcr %d: the grey component replacement must be 0..100 percent" % args.gcr)
+
+
 def parse_grid(text):
     try:
         levels = [float(v) for v in text.split(",")]

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import kelma
 
-from .common import UserError, add_extrapolate_option, read_chart
+from .common import UserError, add_extrapolate_option, check_separation_limits, read_chart
 from .fit import grid_argument
 
 ILLUMINANTS = ("A", "D50", "D65", "E", "F1", "F2", "F11")
@@ -57,13 +57,7 @@ def chart_text(path):
 
 
 def check_ranges(args, inks):
-    if not 1 <= args.tac <= 100 * inks:
-        raise UserError("--tac %d: the total coverage must be 1..%d percent (0 leaves nothing but the paper)"
-                        % (args.tac, 100 * inks))
-    if not 0 <= args.max_black <= 100:
-        raise UserError("--max-black %d: the black limit must be 0..100 percent" % args.max_black)
-    if not 0 <= args.gcr <= 100:
-        raise UserError("--gcr %d: the grey component replacement must be 0..100 percent" % args.gcr)
+    check_separation_limits(args, inks)
     if not 2 <= args.grid_points <= 255:
         raise UserError("--grid-points %d: the tables take 2..255 nodes per axis" % args.grid_points)
 

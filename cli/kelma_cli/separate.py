@@ -7,7 +7,7 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, add_colorimetry_options, load_model
+from .common import UserError, add_colorimetry_options, check_separation_limits, load_model
 from .tables import STDIO, check_output_path, emit
 
 
@@ -65,14 +65,7 @@ def read_colours(path):
 def run(args):
     check_output_path(args.out, "output")
     model = load_model(args.model, args.illuminant, args.observer)
-    inks = model.inks
-    if not 1 <= args.tac <= 100 * inks:
-        raise UserError("--tac %d: the total coverage must be 1..%d percent (0 leaves nothing but the paper)"
-                        % (args.tac, 100 * inks))
-    if not 0 <= args.max_black <= 100:
-        raise UserError("--max-black %d: the black limit must be 0..100 percent" % args.max_black)
-    if not 0 <= args.gcr <= 100:
-        raise UserError("--gcr %d: the grey component replacement must be 0..100 percent" % args.gcr)
+    check_separation_limits(args, model.inks)
     lab = read_colours(args.colours)
     separation = kelma.Separation(model, total_coverage=args.tac, max_black=args.max_black, gcr=args.gcr,
                                   media_relative=args.relative == "paper")
