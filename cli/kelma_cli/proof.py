@@ -11,7 +11,7 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, load_model
+from .common import UserError, check_separation_limits, load_model
 
 # Output formats by file extension (Pillow's names).
 FORMATS = {".png": "PNG", ".tif": "TIFF", ".tiff": "TIFF"}
@@ -43,8 +43,12 @@ def register(sub):
                         "colorimetric (the paper's tint shown)")
     p.add_argument("--bpc", action="store_true",
                    help="black-point compensation (relative intent): the print's black, the darkest neutral "
-                        "within kelma profile's default limits (TAC 300 %%, black 95 %%), mapped to the "
-                        "display's")
+                        "within the ink limits (--tac, --max-black), mapped to the display's")
+    p.add_argument("--tac", type=int, default=300,
+                   help="with --bpc: total ink coverage limit in percent that bounds the print's black "
+                        "(default 300, as kelma profile)")
+    p.add_argument("--max-black", type=int, default=95,
+                   help="with --bpc: black limit in percent (default 95, as kelma profile)")
     p.add_argument("--illuminants", type=illuminant_list, default=["D50"],
                    help="comma-separated illuminants, one labelled panel each, e.g. D50,A,F11 (default D50); "
                         "from %s" % ", ".join(kelma.ILLUMINANTS))
@@ -55,7 +59,7 @@ def register(sub):
     p.set_defaults(run=run, parser=p)
 
 
-# Argument types: argparse reports what they refuse as a usage error (status 2).
+# Argument types: what they refuse is a bad command line (one line naming the argument, status 1).
 
 def output_path(text):
     suffix = Path(text).suffix.lower()
@@ -221,22 +225,24 @@ def save_image(path, rgb, fmt):
     kelma.write_file_atomically(path, buffer.getvalue())
 
 
-def model_profile(model, illuminant, observer, grid_points=33, complete=False):
+def model_profile(model, illuminant, observer, grid_points=33, complete=False, tac=300, max_black=95):
     """The model's profile under one illuminant (the library's, through
     Little CMS): the device-to-PCS half, or with `complete` the whole output
-    profile, whose colour-to-device tables (the separation at kelma profile's
-    defaults: TAC 300 %, black 95 %, GCR 50) tell Little CMS where the print's
-    black lies for black-point compensation. Both have the same A2B tables."""
+    profile, whose colour-to-device tables (the separation under `tac` and
+    `max_black`, GCR 50) tell Little CMS where the print's black lies for
+    black-point compensation. Both have the same A2B tables."""
     m = model.with_illuminants(illuminant, observer)
     if complete:
-        return kelma.icc_profile(m, grid_points=grid_points)
+        return kelma.icc_profile(m, grid_points=grid_points, total_coverage=tac, max_black=max_black)
     return kelma.icc_proof_profile(m, grid_points=grid_points)
 
 
-def proof(cmyk, model, illuminants, observer=2, intent="relative", bpc=False, grid_points=33):
+def proof(cmyk, model, illuminants, observer=2, intent="relative", bpc=False, grid_points=33, tac=300,
+          max_black=95):
     """The proof of `cmyk` and the profiles it came from: one panel, or one
     labelled panel per illuminant."""
-    profiles = [model_profile(model, name, observer, grid_points, complete=bpc) for name in illuminants]
+    profiles = [model_profile(model, name, observer, grid_points, complete=bpc, tac=tac, max_black=max_black)
+                for name in illuminants]
     panels = [proof_pixels(cmyk, p, intent, bpc) for p in profiles]
     if len(panels) == 1:
         return panels[0], profiles
@@ -253,8 +259,10 @@ def run(args):
     if model.inks != 4:
         raise UserError("proofing a CMYK image needs a 4-ink (CMYK) model, %s has %d inks"
                         % (args.model, model.inks))
+    check_separation_limits(argparse.Namespace(tac=args.tac, max_black=args.max_black, gcr=50), model.inks)
     image, embedded = read_cmyk_image(args.image)
-    rgb, profiles = proof(image, model, args.illuminants, args.observer, args.intent, args.bpc, args.grid_points)
+    rgb, profiles = proof(image, model, args.illuminants, args.observer, args.intent, args.bpc, args.grid_points,
+                          args.tac, args.max_black)
     if embedded is not None:
         report_embedded_profile(args.image, embedded, profiles, args.illuminants)
     save_image(args.out, rgb, FORMATS[Path(args.out).suffix.lower()])

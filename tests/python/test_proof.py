@@ -77,7 +77,8 @@ def test_proof_matches_little_cms_tificc_for_each_intent(tmp_path, form, written
 def test_intents_differ_where_they_should(tmp_path, form):
     np.save(tmp_path / "form.npy", form)
     proofs = {}
-    for name, flags in (("relative", []), ("bpc", ["--bpc"]), ("absolute", ["--intent", "absolute"])):
+    for name, flags in (("relative", []), ("bpc", ["--bpc"]), ("absolute", ["--intent", "absolute"]),
+                        ("bpc_limited", ["--bpc", "--tac", "200", "--max-black", "50"])):
         assert run("proof", tmp_path / "form.npy", tmp_path / (name + ".png"), *flags).returncode == 0
         proofs[name] = read_rgb(tmp_path / (name + ".png"))[0].astype(int)
     paper = (0, 0)  # the ramps start at 0 % ink: the paper
@@ -92,6 +93,13 @@ def test_intents_differ_where_they_should(tmp_path, form):
     assert proofs["relative"][solid].mean() >= 20
     assert proofs["bpc"][solid].mean() <= proofs["relative"][solid].mean() - 15
     assert (proofs["bpc"][paper] == proofs["relative"][paper]).all()
+    # Tighter ink limits leave a lighter print black, which compensation
+    # stretches further: the whole proof darkens, the paper stays.
+    assert proofs["bpc_limited"].mean() <= proofs["bpc"].mean() - 1
+    assert (proofs["bpc_limited"][paper] == proofs["bpc"][paper]).all()
+    bad = run("proof", tmp_path / "form.npy", tmp_path / "x.png", "--bpc", "--tac", "0")
+    assert bad.returncode == 1 and bad.stderr.startswith("kelma: error: --tac 0: the total coverage must be")
+    assert not (tmp_path / "x.png").exists()
 
 
 def test_png_and_tiff_carry_the_srgb_profile_and_hold_the_same_pixels(tmp_path, form):
