@@ -107,6 +107,16 @@ unsigned IlluminantArgument(const ZKCSSE_KELMA_Data& model, const py::object& il
                                                      holds() + ")"));
 }
 
+py::dict StatisticsDict(const kelma::ZKSStatistics& s) {
+    py::dict d;
+    d["count"] = s.count;
+    d["mean"] = s.mean;
+    d["median"] = s.median;
+    d["p95"] = s.p95;
+    d["max"] = s.max;
+    return d;
+}
+
 namespace {
 
 py::array_t<double> PredictColorimetryPy(const ZKCSSE_KELMA_Data& model, const py::object& inksObj,
@@ -161,16 +171,6 @@ py::array_t<double> InkPercent(const py::object& levelsObj) {
         o[i] = kelma::InkPercent(static_cast<unsigned>(v[i]));
     }
     return out;
-}
-
-py::dict StatisticsDict(const kelma::ZKSStatistics& s) {
-    py::dict d;
-    d["count"] = s.count;
-    d["mean"] = s.mean;
-    d["median"] = s.median;
-    d["p95"] = s.p95;
-    d["max"] = s.max;
-    return d;
 }
 
 py::dict Statistics(const py::object& valuesObj) {

@@ -102,6 +102,9 @@ kelma::ZKCLighting_Matrix MakeLightingMatrix(const py::object& illuminants, cons
 // listing the model's illuminants.
 unsigned IlluminantArgument(const kelma::ZKCSSE_KELMA_Data& model, const py::object& illuminant);
 
+// Statistics of colour differences as a dict: count, mean, median, p95, max.
+py::dict StatisticsDict(const kelma::ZKSStatistics& s);
+
 // A filesystem path argument (str, bytes or os.PathLike) as a string.
 std::string PathString(const py::object& path);
 // Writes a model file at `path` (atomically), the GIL released.

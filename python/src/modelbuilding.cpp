@@ -132,16 +132,6 @@ BuiltModel Build(const py::object& chartObj, const py::object& grid, const std::
     return result;
 }
 
-py::dict Stats(const kelma::ZKSStatistics& s) {
-    py::dict d;
-    d["count"] = s.count;
-    d["mean"] = s.mean;
-    d["median"] = s.median;
-    d["p95"] = s.p95;
-    d["max"] = s.max;
-    return d;
-}
-
 }  // namespace
 
 void RegisterModelBuilding(py::module_& m) {
@@ -179,7 +169,7 @@ illuminants and observer (default D50, 2 degree; ink_set 15, CMYK).)doc");
             "training_delta_e",
             [](const BuiltModel& b) { return Array(b.trainingDeltaE, {py::ssize_t(b.trainingDeltaE.size())}); },
             "CIEDE2000 of each training patch as the library predicts it (D50, 2 degree).")
-        .def_property_readonly("fit_error", [](const BuiltModel& b) { return Stats(b.fitError); },
+        .def_property_readonly("fit_error", [](const BuiltModel& b) { return StatisticsDict(b.fitError); },
                                "dict count, mean, p95, max of training_delta_e.")
         .def_property_readonly("iterations", [](const BuiltModel& b) { return b.iterations; })
         .def_property_readonly("clamped_node_values", [](const BuiltModel& b) { return b.clampedNodeValues; })

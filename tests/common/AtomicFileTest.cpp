@@ -2,7 +2,6 @@
 // targets that cannot be renamed over (devices, links, directories).
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/sysmacros.h>
 #include <sys/resource.h>
@@ -20,38 +19,19 @@
 #include <vector>
 
 #include "kelma/common/AtomicFile.h"
+#include "tests/support/ScratchFiles.h"
 
 using namespace kelma;
+using kelma_test::DirEntries;
+using kelma_test::ScratchDir;
 
 namespace {
-
-// A fresh directory of this process only (the binary runs once per kernel
-// variant, in parallel).
-std::string ScratchDir(const std::string& name) {
-    const std::string root = KELMA_TEST_SCRATCH_DIR;
-    ::mkdir(root.c_str(), 0755);
-    const std::string dir = root + "/" + name + "." + std::to_string(::getpid());
-    std::system(("rm -rf '" + dir + "'").c_str());
-    ::mkdir(dir.c_str(), 0755);
-    return dir;
-}
 
 std::string Read(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
-}
-
-std::vector<std::string> Entries(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = ::opendir(dir.c_str())) {
-        while (dirent* e = ::readdir(d))
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-        ::closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 std::string FailureText(const std::string& path, const std::string& content) {
@@ -68,7 +48,7 @@ std::string FailureText(const std::string& path, const std::string& content) {
 TEST(AtomicFile, WritesExactlyTheNameGivenAndKeepsPermissions) {
     const std::string dir = ScratchDir("atomic-name");
     WriteFileAtomically(dir + "/model", "first");
-    EXPECT_EQ(Entries(dir), std::vector<std::string>{"model"});  // no extension added
+    EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"model"});  // no extension added
     EXPECT_EQ(Read(dir + "/model"), "first");
 
     ::chmod((dir + "/model").c_str(), 0640);
@@ -77,7 +57,7 @@ TEST(AtomicFile, WritesExactlyTheNameGivenAndKeepsPermissions) {
     ASSERT_EQ(::stat((dir + "/model").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
     EXPECT_EQ(Read(dir + "/model"), std::string(100000, 'x'));
-    EXPECT_EQ(Entries(dir), std::vector<std::string>{"model"});
+    EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"model"});
 }
 
 TEST(AtomicFile, FailuresNameTheFileAndLeaveTheTargetAsItWas) {
@@ -104,7 +84,7 @@ TEST(AtomicFile, FailuresNameTheFileAndLeaveTheTargetAsItWas) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(Read(dir + "/kept"), "earlier");
-    EXPECT_EQ(Entries(dir), std::vector<std::string>{"kept"});
+    EXPECT_EQ(DirEntries(dir), std::vector<std::string>{"kept"});
 }
 
 TEST(AtomicFile, DevicesAreWrittenIntoAndLinksFollowed) {
@@ -145,5 +125,5 @@ TEST(AtomicFile, DevicesAreWrittenIntoAndLinksFollowed) {
     EXPECT_TRUE(S_ISLNK(link.st_mode));
     std::vector<std::string> expected{"fifo", "link", "real"};
     if (full != "/dev/full") expected.insert(expected.begin() + 1, "full");
-    EXPECT_EQ(Entries(dir), expected);
+    EXPECT_EQ(DirEntries(dir), expected);
 }

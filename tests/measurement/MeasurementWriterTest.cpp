@@ -5,7 +5,6 @@
 // cannot hold is refused before anything is written.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,13 +19,13 @@
 
 #include "kelma/common/AtomicFile.h"
 #include "kelma/measurement/ZKCMeasurementWriter.h"
+#include "tests/support/ScratchFiles.h"
 
 using namespace kelma;
 
 namespace {
 
 const std::string kChart = std::string(KELMA_TEST_DATA_DIR) + "/aptec_pc10/APTEC_PC10_CardBoard_2023_v1_Spectral.txt";
-const std::string kScratch = KELMA_TEST_SCRATCH_DIR;
 
 template <class T>
 bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
@@ -241,11 +240,7 @@ TEST(MeasurementWriter, TablesCgatsCannotHoldAreRefused) {
 }
 
 TEST(MeasurementWriter, WriteIsAtomicAndLeavesNothingOnFailure) {
-    ::mkdir(kScratch.c_str(), 0755);
-    // Of this process only: CTest runs the binary once per kernel variant, in parallel.
-    const std::string dir = kScratch + "/cgats_writer." + std::to_string(::getpid());
-    std::system(("rm -rf '" + dir + "'").c_str());
-    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+    const std::string dir = kelma_test::ScratchDir("cgats_writer");
     const std::string path = dir + "/out.txt";
     const ZKSMeasurementData d = AwkwardTable();
     ZKCMeasurementWriter(d, {{"ORIGINATOR", "first"}}).Write(path);
@@ -263,11 +258,5 @@ TEST(MeasurementWriter, WriteIsAtomicAndLeavesNothingOnFailure) {
     } catch (const ZKCFileWriteError& e) {
         EXPECT_NE(std::string(e.what()).find(dir + "/missing/out.txt"), std::string::npos) << e.what();
     }
-    std::vector<std::string> names;
-    if (DIR* handle = ::opendir(dir.c_str())) {
-        while (dirent* e = ::readdir(handle))
-            if (e->d_name[0] != '.') names.push_back(e->d_name);
-        ::closedir(handle);
-    }
-    EXPECT_EQ(names, std::vector<std::string>{"out.txt"});
+    EXPECT_EQ(kelma_test::DirEntries(dir), std::vector<std::string>{"out.txt"});
 }

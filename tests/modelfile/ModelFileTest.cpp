@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -22,35 +21,16 @@
 
 #include "kelma/kelma.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/ScratchFiles.h"
 #include "tests/support/TestSupport.h"
 
 using namespace kelma;
 using kelma_test::MakeTestModel;
 using kelma_test::ZKSTestModel;
+using kelma_test::DirEntries;
+using kelma_test::ScratchDir;
 
 namespace {
-
-const std::string kScratch = KELMA_TEST_SCRATCH_DIR;
-
-// A fresh, empty scratch directory for one test, of this process only: CTest
-// runs the binary more than once at a time (once per kernel variant).
-std::string ScratchDir(const std::string& name) {
-    ::mkdir(kScratch.c_str(), 0755);
-    const std::string dir = kScratch + "/" + name + "." + std::to_string(::getpid());
-    std::system(("rm -rf '" + dir + "'").c_str());
-    ::mkdir(dir.c_str(), 0755);
-    return dir;
-}
-
-std::vector<std::string> DirEntries(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = ::opendir(dir.c_str())) {
-        while (dirent* e = ::readdir(d))
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-        ::closedir(d);
-    }
-    return names;
-}
 
 std::string Slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

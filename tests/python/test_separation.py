@@ -1,10 +1,6 @@
 """kelma.Separation and 'kelma separate': names, shapes, round trips checked
 with an independent numpy colorimetry, the CLUT, and one clear error for every
 bad argument."""
-import os
-import subprocess
-import sys
-from pathlib import Path
 
 import numpy as np
 import pytest
@@ -12,9 +8,8 @@ import pytest
 import kelma
 from conftest import build
 from reference import cielab
-
-ROOT = Path(__file__).resolve().parents[2]
-CLI = ROOT / "cli" / "kelma"
+from test_cli import failed_cleanly
+from test_cli import run as cli_run
 
 
 @pytest.fixture(scope="module")
@@ -187,17 +182,7 @@ def test_a_five_ink_model_is_refused_before_separation(ref4):
 # The command line
 
 def run(*args):
-    env = dict(os.environ)
-    return subprocess.run([sys.executable, str(CLI), "separate", *map(str, args)], capture_output=True, text=True,
-                          env=env, timeout=300)
-
-
-def failed_cleanly(result, *words):
-    assert result.returncode != 0
-    assert "Traceback" not in result.stderr
-    assert result.stderr.startswith("kelma: error:") and result.stderr.count("\n") == 1, result.stderr
-    for w in words:
-        assert w in result.stderr, result.stderr
+    return cli_run("separate", *args)
 
 
 def test_cli_writes_ink_percent(tmp_path, press):
