@@ -16,12 +16,12 @@ namespace KELMA_NAMESPACE {
 KELMA_TARGET_AVX2 inline __m256d PowerInRange4_AVX2(const yule_nielsen_power::ZKSPowerTables& T, __m256d m,
                                                     __m256d e, __m128i i, __m256d y) {
     using namespace yule_nielsen_power;
-    // r = m c_i - 1; log2 x = (e - log2 c_i) + (p r) / ln2
+    // r = m c_i - 1; log2 x = (e - log2 c_i) + p r
     const __m256d r = _mm256_sub_pd(_mm256_mul_pd(m, _mm256_i32gather_pd(T.invC, i, 8)), _mm256_set1_pd(1.0));
-    __m256d p = _mm256_set1_pd(kLog[5]);
-    for (int j = 4; j >= 0; --j) p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(kLog[j]));
-    const __m256d log2x = _mm256_add_pd(_mm256_sub_pd(e, _mm256_i32gather_pd(T.log2C, i, 8)),
-                                        _mm256_mul_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(kInvLn2)));
+    __m256d p = _mm256_set1_pd(kLog2[4]);
+    for (int j = 3; j >= 0; --j) p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(kLog2[j]));
+    const __m256d log2x =
+        _mm256_add_pd(_mm256_sub_pd(e, _mm256_i32gather_pd(T.log2C, i, 8)), _mm256_mul_pd(p, r));
     __m256d t = _mm256_mul_pd(y, log2x);
     t = _mm256_min_pd(_mm256_max_pd(t, _mm256_set1_pd(kMinT)), _mm256_set1_pd(kMaxT));
     // k = nearest integer to 16 t; f = t - k / 16; q = sum (f ln2)^j / j!

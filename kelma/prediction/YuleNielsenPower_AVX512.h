@@ -6,10 +6,15 @@
 //   m = getmant(x) in [1, 2) and e = getexp(x) are the twin's m and e
 //     (exact for positive normal x);
 //   i = the top 4 fraction bits, read from the double (they are the float's);
-//   nearbyint(16 t) = (16 t + 1.5 2^52) - 1.5 2^52 in round-to-nearest for
-//     |16 t| < 2^51, and the low 4 bits of the middle sum's pattern are k & 15;
+//   nearbyint(16 t) / 16 = (t + 1.5 2^48) - 1.5 2^48 in round-to-nearest
+//     (ties to even) for |t| < 2^47: the sum's last place is 1/16, so the low
+//     4 bits of its pattern are k & 15, and f = t - k / 16 is exact;
 //   scalef(v, k / 16) = v 2^floor(k / 16) = v 2^(k >> 4), an exact scaling
-//     as long as the double neither overflows nor underflows (|t| <= 160).
+//     as long as the double neither overflows nor underflows (|t| <= 160);
+//   the twin's clamp of t to [-160, 130] is left out: beyond it both give the
+//     same float, +0 below (2^t < 2^-150 rounds to 0) and +inf above (the
+//     double exceeds FLT_MAX or is inf), and scalef saturates as IEEE says;
+//   the domain test is one fpclass (positive, normal, finite).
 // No FMA: every multiply and add rounds on its own, as in the twin.
 #pragma once
 
@@ -43,24 +48,24 @@ KELMA_TARGET_AVX512 inline __m512d PowerInRange8_AVX512(const ZKSPowerTables_AVX
     const __m512d e = _mm512_getexp_pd(x);
     // permutex2var reads the low 4 bits of each 64-bit index: bits 48-51.
     const __m512i i = _mm512_srli_epi64(_mm512_castpd_si512(x), 48);
-    // r = m c_i - 1; log2 x = (e - log2 c_i) + (p r) / ln2
+    // r = m c_i - 1; log2 x = (e - log2 c_i) + p r
     const __m512d r =
         _mm512_sub_pd(_mm512_mul_pd(m, _mm512_permutex2var_pd(T.invC[0], i, T.invC[1])), _mm512_set1_pd(1.0));
-    __m512d p = _mm512_set1_pd(kLog[5]);
-    for (int j = 4; j >= 0; --j) p = _mm512_add_pd(_mm512_mul_pd(p, r), _mm512_set1_pd(kLog[j]));
-    const __m512d log2x = _mm512_add_pd(_mm512_sub_pd(e, _mm512_permutex2var_pd(T.log2C[0], i, T.log2C[1])),
-                                        _mm512_mul_pd(_mm512_mul_pd(p, r), _mm512_set1_pd(kInvLn2)));
-    __m512d t = _mm512_mul_pd(y, log2x);
-    t = _mm512_min_pd(_mm512_max_pd(t, _mm512_set1_pd(kMinT)), _mm512_set1_pd(kMaxT));
-    // k = nearest integer to 16 t; f = t - k / 16; q = sum (f ln2)^j / j!
-    const __m512d shifter = _mm512_set1_pd(6755399441055744.0);  // 1.5 2^52
-    const __m512d shifted = _mm512_add_pd(_mm512_mul_pd(t, _mm512_set1_pd(16.0)), shifter);
-    const __m512d kd = _mm512_sub_pd(shifted, shifter);
-    const __m512d kOver16 = _mm512_mul_pd(kd, _mm512_set1_pd(0.0625));
+    __m512d p = _mm512_set1_pd(kLog2[4]);
+    for (int j = 3; j >= 0; --j) p = _mm512_add_pd(_mm512_mul_pd(p, r), _mm512_set1_pd(kLog2[j]));
+    const __m512d log2x =
+        _mm512_add_pd(_mm512_sub_pd(e, _mm512_permutex2var_pd(T.log2C[0], i, T.log2C[1])), _mm512_mul_pd(p, r));
+    const __m512d t = _mm512_mul_pd(y, log2x);
+    // k = nearest integer to 16 t, as k / 16 = (t + 1.5 2^48) - 1.5 2^48 (the
+    // sum's last place is 1/16); f = t - k / 16; q = sum (f ln2)^j / j!
+    const __m512d shifter = _mm512_set1_pd(0x1.8p48);  // 1.5 2^48
+    const __m512d shifted = _mm512_add_pd(t, shifter);
+    const __m512d kOver16 = _mm512_sub_pd(shifted, shifter);
     const __m512d f = _mm512_sub_pd(t, kOver16);
     __m512d q = _mm512_set1_pd(kExp[4]);
     for (int j = 3; j >= 0; --j) q = _mm512_add_pd(_mm512_mul_pd(q, f), _mm512_set1_pd(kExp[j]));
-    // 2^((k & 15) / 16) from the table, 2^(k >> 4) by scaling
+    // 2^((k & 15) / 16) from the table (k & 15: the low bits of the sum's
+    // pattern), 2^(k >> 4) by scaling
     const __m512d frac = _mm512_permutex2var_pd(T.exp2Frac[0], _mm512_castpd_si512(shifted), T.exp2Frac[1]);
     return _mm512_scalef_pd(_mm512_mul_pd(q, frac), kOver16);
 }
@@ -73,9 +78,9 @@ KELMA_TARGET_AVX512 inline __m512 YuleNielsenPower16_AVX512(const ZKSPowerTables
     const __m512d lo = PowerInRange8_AVX512(T, _mm512_cvtps_pd(_mm512_castps512_ps256(x)), yd);
     const __m512d hi = PowerInRange8_AVX512(T, _mm512_cvtps_pd(_mm512_extractf32x8_ps(x, 1)), yd);
     __m512 r = _mm512_insertf32x8(_mm512_castps256_ps512(_mm512_cvtpd_ps(lo)), _mm512_cvtpd_ps(hi), 1);
-    // In range: FLT_MIN <= x <= FLT_MAX (false for NaN).
-    const __mmask16 ok = _mm512_cmp_ps_mask(x, _mm512_set1_ps(FLT_MIN), _CMP_GE_OQ) &
-                         _mm512_cmp_ps_mask(x, _mm512_set1_ps(FLT_MAX), _CMP_LE_OQ);
+    // In range: FLT_MIN <= x <= FLT_MAX, i.e. none of QNaN, +0, -0, +inf,
+    // -inf, subnormal, negative, SNaN (the eight fpclass categories).
+    const __mmask16 ok = static_cast<__mmask16>(~_mm512_fpclass_ps_mask(x, 0xFF));
     if (__builtin_expect(ok != 0xFFFF || !ExponentInRange(y), 0)) {
         alignas(64) float xs[16], rs[16];
         _mm512_store_ps(xs, x);

@@ -13,12 +13,11 @@ namespace KELMA_NAMESPACE {
 inline __m128d PowerPair_SSE(const yule_nielsen_power::ZKSPowerTables& T, __m128d m, __m128d e,
                              const std::int32_t* i, __m128d y) {
     using namespace yule_nielsen_power;
-    // r = m c_i - 1; log2 x = (e - log2 c_i) + (p r) / ln2
+    // r = m c_i - 1; log2 x = (e - log2 c_i) + p r
     __m128d r = _mm_sub_pd(_mm_mul_pd(m, _mm_set_pd(T.invC[i[1]], T.invC[i[0]])), _mm_set1_pd(1.0));
-    __m128d p = _mm_set1_pd(kLog[5]);
-    for (int j = 4; j >= 0; --j) p = _mm_add_pd(_mm_mul_pd(p, r), _mm_set1_pd(kLog[j]));
-    __m128d log2x = _mm_add_pd(_mm_sub_pd(e, _mm_set_pd(T.log2C[i[1]], T.log2C[i[0]])),
-                               _mm_mul_pd(_mm_mul_pd(p, r), _mm_set1_pd(kInvLn2)));
+    __m128d p = _mm_set1_pd(kLog2[4]);
+    for (int j = 3; j >= 0; --j) p = _mm_add_pd(_mm_mul_pd(p, r), _mm_set1_pd(kLog2[j]));
+    __m128d log2x = _mm_add_pd(_mm_sub_pd(e, _mm_set_pd(T.log2C[i[1]], T.log2C[i[0]])), _mm_mul_pd(p, r));
     __m128d t = _mm_mul_pd(y, log2x);
     t = _mm_min_pd(_mm_max_pd(t, _mm_set1_pd(kMinT)), _mm_set1_pd(kMaxT));
     // k = nearest integer to 16 t; f = t - k / 16; q = sum (f ln2)^j / j!
