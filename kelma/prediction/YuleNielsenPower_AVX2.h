@@ -16,21 +16,24 @@ namespace KELMA_NAMESPACE {
 KELMA_TARGET_AVX2 inline __m256d PowerInRange4_AVX2(const yule_nielsen_power::ZKSPowerTables& T, __m256d m,
                                                     __m256d e, __m128i i, __m256d y) {
     using namespace yule_nielsen_power;
-    // r = m c_i - 1; log2 x = (e - log2 c_i) + p r
+    // r = m c_i - 1; t = y log2 x = y (e - log2 c_i) + p (y r)
     const __m256d r = _mm256_sub_pd(_mm256_mul_pd(m, _mm256_i32gather_pd(T.invC, i, 8)), _mm256_set1_pd(1.0));
-    __m256d p = _mm256_set1_pd(kLog2[4]);
-    for (int j = 3; j >= 0; --j) p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(kLog2[j]));
-    const __m256d log2x =
-        _mm256_add_pd(_mm256_sub_pd(e, _mm256_i32gather_pd(T.log2C, i, 8)), _mm256_mul_pd(p, r));
-    __m256d t = _mm256_mul_pd(y, log2x);
+    const __m256d r2 = _mm256_mul_pd(r, r);
+    const __m256d p01 = _mm256_add_pd(_mm256_mul_pd(r, _mm256_set1_pd(kLog2[1])), _mm256_set1_pd(kLog2[0]));
+    const __m256d p23 = _mm256_add_pd(_mm256_mul_pd(r, _mm256_set1_pd(kLog2[3])), _mm256_set1_pd(kLog2[2]));
+    const __m256d p = _mm256_add_pd(p01, _mm256_mul_pd(r2, _mm256_add_pd(p23, _mm256_mul_pd(r2, _mm256_set1_pd(kLog2[4])))));
+    __m256d t = _mm256_add_pd(_mm256_mul_pd(y, _mm256_sub_pd(e, _mm256_i32gather_pd(T.log2C, i, 8))),
+                              _mm256_mul_pd(p, _mm256_mul_pd(y, r)));
     t = _mm256_min_pd(_mm256_max_pd(t, _mm256_set1_pd(kMinT)), _mm256_set1_pd(kMaxT));
     // k = nearest integer to 16 t; f = t - k / 16; q = sum (f ln2)^j / j!
     const __m256d kd =
         _mm256_round_pd(_mm256_mul_pd(t, _mm256_set1_pd(16.0)), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
     const __m128i k = _mm256_cvtpd_epi32(kd);
     const __m256d f = _mm256_sub_pd(t, _mm256_mul_pd(kd, _mm256_set1_pd(0.0625)));
-    __m256d q = _mm256_set1_pd(kExp[4]);
-    for (int j = 3; j >= 0; --j) q = _mm256_add_pd(_mm256_mul_pd(q, f), _mm256_set1_pd(kExp[j]));
+    const __m256d f2 = _mm256_mul_pd(f, f);
+    const __m256d q01 = _mm256_add_pd(_mm256_mul_pd(f, _mm256_set1_pd(kExp[1])), _mm256_set1_pd(kExp[0]));
+    const __m256d q23 = _mm256_add_pd(_mm256_mul_pd(f, _mm256_set1_pd(kExp[3])), _mm256_set1_pd(kExp[2]));
+    const __m256d q = _mm256_add_pd(q01, _mm256_mul_pd(f2, _mm256_add_pd(q23, _mm256_mul_pd(f2, _mm256_set1_pd(kExp[4])))));
     // 2^((k & 15) / 16) from the table, 2^(k >> 4) from exponent bits
     const __m256d frac = _mm256_i32gather_pd(T.exp2Frac, _mm_and_si128(k, _mm_set1_epi32(15)), 8);
     const __m256i biased = _mm256_cvtepi32_epi64(_mm_add_epi32(_mm_srai_epi32(k, 4), _mm_set1_epi32(1023)));

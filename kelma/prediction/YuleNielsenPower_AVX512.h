@@ -6,11 +6,12 @@
 //   m = getmant(x) in [1, 2) and e = getexp(x) are the twin's m and e
 //     (exact for positive normal x);
 //   i = the top 4 fraction bits, read from the double (they are the float's);
-//   nearbyint(16 t) / 16 = (t + 1.5 2^48) - 1.5 2^48 in round-to-nearest
-//     (ties to even) for |t| < 2^47: the sum's last place is 1/16, so the low
-//     4 bits of its pattern are k & 15, and f = t - k / 16 is exact;
+//   nearbyint(16 t) / 16 = roundscale(t) to 4 fraction bits, ties to even,
+//     and f = t - k / 16 is exact; the low 4 bits of the pattern of
+//     t + 1.5 2^48 are k & 15 (that sum's last place is 1/16, |t| < 2^47);
 //   scalef(v, k / 16) = v 2^floor(k / 16) = v 2^(k >> 4), an exact scaling
-//     as long as the double neither overflows nor underflows (|t| <= 160);
+//     as long as the double neither overflows nor underflows (|t| <= 160),
+//     so q (frac 2^(k >> 4)) is the twin's (q frac) 2^(k >> 4);
 //   the twin's clamp of t to [-160, 130] is left out: beyond it both give the
 //     same float, +0 below (2^t < 2^-150 rounds to 0) and +inf above (the
 //     double exceeds FLT_MAX or is inf), and scalef saturates as IEEE says;
@@ -48,26 +49,30 @@ KELMA_TARGET_AVX512 inline __m512d PowerInRange8_AVX512(const ZKSPowerTables_AVX
     const __m512d e = _mm512_getexp_pd(x);
     // permutex2var reads the low 4 bits of each 64-bit index: bits 48-51.
     const __m512i i = _mm512_srli_epi64(_mm512_castpd_si512(x), 48);
-    // r = m c_i - 1; log2 x = (e - log2 c_i) + p r
+    // r = m c_i - 1; t = y log2 x = y (e - log2 c_i) + p (y r)
     const __m512d r =
         _mm512_sub_pd(_mm512_mul_pd(m, _mm512_permutex2var_pd(T.invC[0], i, T.invC[1])), _mm512_set1_pd(1.0));
-    __m512d p = _mm512_set1_pd(kLog2[4]);
-    for (int j = 3; j >= 0; --j) p = _mm512_add_pd(_mm512_mul_pd(p, r), _mm512_set1_pd(kLog2[j]));
-    const __m512d log2x =
-        _mm512_add_pd(_mm512_sub_pd(e, _mm512_permutex2var_pd(T.log2C[0], i, T.log2C[1])), _mm512_mul_pd(p, r));
-    const __m512d t = _mm512_mul_pd(y, log2x);
-    // k = nearest integer to 16 t, as k / 16 = (t + 1.5 2^48) - 1.5 2^48 (the
-    // sum's last place is 1/16); f = t - k / 16; q = sum (f ln2)^j / j!
-    const __m512d shifter = _mm512_set1_pd(0x1.8p48);  // 1.5 2^48
-    const __m512d shifted = _mm512_add_pd(t, shifter);
-    const __m512d kOver16 = _mm512_sub_pd(shifted, shifter);
+    const __m512d r2 = _mm512_mul_pd(r, r);
+    const __m512d p01 = _mm512_add_pd(_mm512_mul_pd(r, _mm512_set1_pd(kLog2[1])), _mm512_set1_pd(kLog2[0]));
+    const __m512d p23 = _mm512_add_pd(_mm512_mul_pd(r, _mm512_set1_pd(kLog2[3])), _mm512_set1_pd(kLog2[2]));
+    const __m512d p = _mm512_add_pd(p01, _mm512_mul_pd(r2, _mm512_add_pd(p23, _mm512_mul_pd(r2, _mm512_set1_pd(kLog2[4])))));
+    const __m512d t =
+        _mm512_add_pd(_mm512_mul_pd(y, _mm512_sub_pd(e, _mm512_permutex2var_pd(T.log2C[0], i, T.log2C[1]))),
+                      _mm512_mul_pd(p, _mm512_mul_pd(y, r)));
+    // k = nearest integer to 16 t: k / 16 = t rounded to sixteenths (ties to
+    // even); f = t - k / 16; q = sum (f ln2)^j / j!
+    const __m512d kOver16 = _mm512_roundscale_pd(t, (4 << 4) | _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
     const __m512d f = _mm512_sub_pd(t, kOver16);
-    __m512d q = _mm512_set1_pd(kExp[4]);
-    for (int j = 3; j >= 0; --j) q = _mm512_add_pd(_mm512_mul_pd(q, f), _mm512_set1_pd(kExp[j]));
-    // 2^((k & 15) / 16) from the table (k & 15: the low bits of the sum's
-    // pattern), 2^(k >> 4) by scaling
+    const __m512d f2 = _mm512_mul_pd(f, f);
+    const __m512d q01 = _mm512_add_pd(_mm512_mul_pd(f, _mm512_set1_pd(kExp[1])), _mm512_set1_pd(kExp[0]));
+    const __m512d q23 = _mm512_add_pd(_mm512_mul_pd(f, _mm512_set1_pd(kExp[3])), _mm512_set1_pd(kExp[2]));
+    const __m512d q = _mm512_add_pd(q01, _mm512_mul_pd(f2, _mm512_add_pd(q23, _mm512_mul_pd(f2, _mm512_set1_pd(kExp[4])))));
+    // 2^((k & 15) / 16) from the table, k & 15 being the low bits of the
+    // pattern of t + 1.5 2^48 (whose last place is 1/16), times 2^(k >> 4)
+    // by scaling; both off the polynomial's chain.
+    const __m512d shifted = _mm512_add_pd(t, _mm512_set1_pd(0x1.8p48));
     const __m512d frac = _mm512_permutex2var_pd(T.exp2Frac[0], _mm512_castpd_si512(shifted), T.exp2Frac[1]);
-    return _mm512_scalef_pd(_mm512_mul_pd(q, frac), kOver16);
+    return _mm512_mul_pd(q, _mm512_scalef_pd(frac, kOver16));
 }
 
 // x^y for sixteen floats. Lanes outside the polynomial's domain (every lane

@@ -13,18 +13,22 @@ namespace KELMA_NAMESPACE {
 inline __m128d PowerPair_SSE(const yule_nielsen_power::ZKSPowerTables& T, __m128d m, __m128d e,
                              const std::int32_t* i, __m128d y) {
     using namespace yule_nielsen_power;
-    // r = m c_i - 1; log2 x = (e - log2 c_i) + p r
+    // r = m c_i - 1; t = y log2 x = y (e - log2 c_i) + p (y r)
     __m128d r = _mm_sub_pd(_mm_mul_pd(m, _mm_set_pd(T.invC[i[1]], T.invC[i[0]])), _mm_set1_pd(1.0));
-    __m128d p = _mm_set1_pd(kLog2[4]);
-    for (int j = 3; j >= 0; --j) p = _mm_add_pd(_mm_mul_pd(p, r), _mm_set1_pd(kLog2[j]));
-    __m128d log2x = _mm_add_pd(_mm_sub_pd(e, _mm_set_pd(T.log2C[i[1]], T.log2C[i[0]])), _mm_mul_pd(p, r));
-    __m128d t = _mm_mul_pd(y, log2x);
+    const __m128d r2 = _mm_mul_pd(r, r);
+    const __m128d p01 = _mm_add_pd(_mm_mul_pd(r, _mm_set1_pd(kLog2[1])), _mm_set1_pd(kLog2[0]));
+    const __m128d p23 = _mm_add_pd(_mm_mul_pd(r, _mm_set1_pd(kLog2[3])), _mm_set1_pd(kLog2[2]));
+    const __m128d p = _mm_add_pd(p01, _mm_mul_pd(r2, _mm_add_pd(p23, _mm_mul_pd(r2, _mm_set1_pd(kLog2[4])))));
+    __m128d t = _mm_add_pd(_mm_mul_pd(y, _mm_sub_pd(e, _mm_set_pd(T.log2C[i[1]], T.log2C[i[0]]))),
+                           _mm_mul_pd(p, _mm_mul_pd(y, r)));
     t = _mm_min_pd(_mm_max_pd(t, _mm_set1_pd(kMinT)), _mm_set1_pd(kMaxT));
     // k = nearest integer to 16 t; f = t - k / 16; q = sum (f ln2)^j / j!
     __m128i k = _mm_cvtpd_epi32(_mm_mul_pd(t, _mm_set1_pd(16.0)));
     __m128d f = _mm_sub_pd(t, _mm_mul_pd(_mm_cvtepi32_pd(k), _mm_set1_pd(0.0625)));
-    __m128d q = _mm_set1_pd(kExp[4]);
-    for (int j = 3; j >= 0; --j) q = _mm_add_pd(_mm_mul_pd(q, f), _mm_set1_pd(kExp[j]));
+    const __m128d f2 = _mm_mul_pd(f, f);
+    const __m128d q01 = _mm_add_pd(_mm_mul_pd(f, _mm_set1_pd(kExp[1])), _mm_set1_pd(kExp[0]));
+    const __m128d q23 = _mm_add_pd(_mm_mul_pd(f, _mm_set1_pd(kExp[3])), _mm_set1_pd(kExp[2]));
+    const __m128d q = _mm_add_pd(q01, _mm_mul_pd(f2, _mm_add_pd(q23, _mm_mul_pd(f2, _mm_set1_pd(kExp[4])))));
     // 2^((k & 15) / 16) from the table, 2^(k >> 4) from exponent bits
     alignas(16) std::int32_t kk[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(kk), k);
