@@ -1,6 +1,8 @@
 #include "kelma/prediction/PredictSamples.h"
 
+#include "kelma/prediction/CellOrder.h"
 #include "kelma/prediction/CellSums_Scalar.h"
+#include "kelma/prediction/LaneMajorScheme.h"
 #include "kelma/prediction/YuleNielsenPower.h"
 #include "kelma/prediction/YuleNielsenPower_Scalar.h"
 #include "kelma/common/LibraryErrors.h"
@@ -24,8 +26,12 @@ void ScalarTwins(const ZKSPredictionJob& job, unsigned int count, const unsigned
 
 ZKSPredictionJob MakePredictionJob(const ZKCSSE_KELMA_Data& data, const float* laneRows, unsigned int values,
                                    unsigned int outStride, bool packed) {
+    const std::size_t corners = std::size_t{1} << data.NumberOfInks();
+    const std::size_t cells = data.MatrixSchemeSize() / (std::size_t{data.NumberOfSpectralValues()} * corners);
+    const unsigned int orderCells =
+        laneRows != nullptr ? CellOrderCells(cells, cells * corners * kLaneRow * sizeof(float)) : 0u;
     return ZKSPredictionJob{data.EffectiveRampsLUT().data(), data.MatrixScheme(), laneRows, data.n(), values,
-                            outStride, packed};
+                            outStride, packed, orderCells};
 }
 
 void PredictSamples_Reference(unsigned int inks, const ZKSPredictionJob& job, unsigned int count,

@@ -34,6 +34,7 @@ struct ZKSPredictionJob {
     unsigned int values;                   // values per spectrum: 31 (the 7-ink kernel may be given others)
     unsigned int outStride;                // floats from one output record to the next
     bool packed;                           // no pad after the values
+    unsigned int cellOrderCells;           // lane-major kernels: cells to visit in order (CellOrder.h), or 0
 };
 
 ZKSPredictionJob MakePredictionJob(const ZKCSSE_KELMA_Data& data, const float* laneRows, unsigned int values,

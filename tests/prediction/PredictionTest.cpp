@@ -9,6 +9,7 @@
 #include "kelma/colorimetry/ZKCIlluminant.h"
 #include "kelma/colorimetry/ZKCObserver.h"
 #include "kelma/colorspace/ZKCColorSpaceTransformationLUT.h"
+#include "kelma/prediction/CellOrder.h"
 #include "kelma/prediction/CellSums_SSE.h"
 #include "kelma/prediction/CellSums_Scalar.h"
 #include "kelma/prediction/LaneMajorScheme.h"
@@ -191,12 +192,14 @@ protected:
 // Each variant's loop, with and without the lane-major rows, in padded and
 // packed records, over whole batches and sub-batches at odd positions, gives
 // the scalar twins' floats bit for bit, the 0.0 pad, and writes nothing else.
+// The 7-ink lane-major rows are visited cell by cell (CellOrder.h); the whole
+// batch spans a full block and a partial one.
 TEST_P(PredictionVariant, EqualsTheScalarTwinsBitForBit) {
     for (unsigned int inks : {4u, 6u, 7u}) {
         for (float n : {2.5f, 2.0f}) {
             ZKCSSE_KELMA_Data model = RandomCoefficientModel(inks, n, 40 + inks);
             ZKCLaneMajorScheme lanes(model);
-            const unsigned int count = 301;
+            const unsigned int count = kCellOrderBlock + 301;
             std::vector<unsigned char> samples = RandomSamples(count, inks, inks + 11);
             for (int s = 0; s < 3; ++s) samples[s * inks + s % inks] = 255;  // the last cell, weight 1
             const std::vector<float> twin = TwinSpectra(model, samples);
@@ -204,6 +207,7 @@ TEST_P(PredictionVariant, EqualsTheScalarTwinsBitForBit) {
                 for (bool packed : {false, true}) {
                     const unsigned int stride = packed ? 31 : 32;
                     const ZKSPredictionJob job = MakePredictionJob(model, rows, 31, stride, packed);
+                    ASSERT_EQ(job.cellOrderCells != 0, inks == 7 && rows != nullptr);
                     for (unsigned int batch : {count, 1u, 5u, 16u}) {
                         for (unsigned int start = 0; start + batch <= count; start += batch == count ? count : 37) {
                             std::vector<float> out(std::size_t{batch} * stride + 8, -3.0f);
