@@ -176,10 +176,26 @@ KELMA_TARGET_AVX512 void LabBytes8_AVX512(const float* xyz, unsigned int count, 
                              _mm512_set1_pd(kLab2000hlByteOffsetAB));
         margin = (margins != nullptr ? *margins : LabMargins()).lab2000hl;
     }
-    alignas(32) int bytes[3][8];
-    for (int c = 0; c < 3; ++c) _mm256_store_si256(reinterpret_cast<__m256i*>(bytes[c]), Encode(v[c]));
+    const __m256i e0 = Encode(v[0]), e1 = Encode(v[1]), e2 = Encode(v[2]);
     if (cube != 0)
         twin |= cube & (NearBoundary(v[0], margin[0]) | NearBoundary(v[1], margin[1]) | NearBoundary(v[2], margin[2]));
+    if (count == 8 && (twin & 0xFF) == 0) {
+        // The common case: eight triples interleaved as 24 ints (lanes 0-7 of
+        // e0e1 are e0, 8-15 are e1; 16 and up index e2), narrowed to bytes.
+        const __m512i e01 = _mm512_inserti64x4(_mm512_castsi256_si512(e0), e1, 1);
+        const __m512i e2w = _mm512_castsi256_si512(e2);
+        const __m512i first = _mm512_permutex2var_epi32(
+            e01, _mm512_setr_epi32(0, 8, 16, 1, 9, 17, 2, 10, 18, 3, 11, 19, 4, 12, 20, 5), e2w);
+        const __m512i second = _mm512_permutex2var_epi32(
+            e01, _mm512_setr_epi32(13, 21, 6, 14, 22, 7, 15, 23, 0, 0, 0, 0, 0, 0, 0, 0), e2w);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm512_cvtepi32_epi8(first));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm512_cvtepi32_epi8(second));
+        return;
+    }
+    alignas(32) int bytes[3][8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(bytes[0]), e0);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(bytes[1]), e1);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(bytes[2]), e2);
     for (unsigned int l = 0; l < count; ++l, out += 3) {
         if (twin & (1u << l)) {
             LabBytes_Scalar(xyz + 3 * l, inverseWhite + 3 * laneIlluminant[l], cielab, out);

@@ -2,6 +2,8 @@
 
 #include "kelma/colorimetry/ColorimetryKernels.h"
 #include "kelma/colorimetry/ZKCWhitePoint.h"
+#include "kelma/prediction/CellOrder.h"
+#include "kelma/prediction/PredictSamples.h"
 
 #include <algorithm>
 #include <cmath>
@@ -48,9 +50,12 @@ void ZKCSSE_KELMA_Base::operator()() {
     // floats apart (the 4- and 6-ink kernels write 32) and the last one
     // reaches index valuesPerSample (the 7-ink kernel's pad).
     const std::size_t stride = std::max(spectrumStride_, kSpectrumStride);
-    const unsigned int block = std::min(kByteBlock, count_);
-    if (block_.empty() && block != 0)
-        block_ = AlignedBuffer<float, 64>((block - 1) * stride + std::max<std::size_t>(valuesPerSample_ + 1, stride));
+    const bool byCell =
+        MakePredictionJob(data_, laneRows_, valuesPerSample_, spectrumStride_, packed_).cellOrderCells != 0;
+    const unsigned int block = std::min(byCell ? kCellOrderBlock : kByteBlock, count_);
+    const std::size_t blockFloats =
+        block == 0 ? 0 : (block - 1) * stride + std::max<std::size_t>(valuesPerSample_ + 1, stride);
+    if (block_.size() < blockFloats) block_ = AlignedBuffer<float, 64>(blockFloats);
     const unsigned int N = data_.NumberOfInks();
     const std::size_t bytesPerSample =
         valuesPerSample_ == kSpectralValues ? 3 * std::size_t{data_.Lighting_Matrix().IlluminantNumber()}

@@ -56,7 +56,9 @@ public:
 
 protected:
     // Samples per block in byte mode without a shared spectra buffer: the
-    // block's spectra stay in the first-level cache between the two steps.
+    // block's spectra (16 KiB) stay in the first-level cache between the two
+    // steps. Kernels that visit a block cell by cell (CellOrder.h) take
+    // blocks of their own size, so the block revisits its cells.
     static constexpr unsigned int kByteBlock = 128;
 
     void EncodeBytes(unsigned int count, const float* spectra, unsigned char* bytes);
