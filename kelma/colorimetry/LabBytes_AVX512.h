@@ -61,16 +61,19 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512d CubeRoot8_AVX512(__m512d 
     const __m512d u = _mm512_scalef_pd(m, r);
     const __m512d m2 = _mm512_mul_pd(m, m);
     const __m512d m4 = _mm512_mul_pd(m2, m2);
-    const __m512d p01 = _mm512_add_pd(_mm512_set1_pd(1.7776471684890938), _mm512_mul_pd(m, _mm512_set1_pd(-1.554027407710867)));
-    const __m512d p23 = _mm512_add_pd(_mm512_set1_pd(1.2271496200208474), _mm512_mul_pd(m, _mm512_set1_pd(-0.5865141615889647)));
-    const __m512d p45 = _mm512_add_pd(_mm512_set1_pd(0.15224956438217788), _mm512_mul_pd(m, _mm512_set1_pd(-0.016511679091276852)));
+    // m^(-1/3) ~ sum c[j] m^j, j = 0..5
+    constexpr double c[6] = {1.7776471684890938,  -1.554027407710867,  1.2271496200208474,
+                             -0.5865141615889647, 0.15224956438217788, -0.016511679091276852};
+    const __m512d p01 = _mm512_add_pd(_mm512_set1_pd(c[0]), _mm512_mul_pd(m, _mm512_set1_pd(c[1])));
+    const __m512d p23 = _mm512_add_pd(_mm512_set1_pd(c[2]), _mm512_mul_pd(m, _mm512_set1_pd(c[3])));
+    const __m512d p45 = _mm512_add_pd(_mm512_set1_pd(c[4]), _mm512_mul_pd(m, _mm512_set1_pd(c[5])));
     const __m512d p = _mm512_add_pd(_mm512_add_pd(p01, _mm512_mul_pd(m2, p23)), _mm512_mul_pd(m4, p45));
     // 2^(-r/3): 1, 2^(-1/3) or 2^(-2/3)
-    __m512d c = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(r, _mm512_set1_pd(1.0), _CMP_GE_OQ), _mm512_set1_pd(1.0),
+    __m512d s = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(r, _mm512_set1_pd(1.0), _CMP_GE_OQ), _mm512_set1_pd(1.0),
                                      _mm512_set1_pd(0.79370052598409979));
-    c = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(r, _mm512_set1_pd(2.0), _CMP_GE_OQ), c,
+    s = _mm512_mask_blend_pd(_mm512_cmp_pd_mask(r, _mm512_set1_pd(2.0), _CMP_GE_OQ), s,
                              _mm512_set1_pd(0.62996052494743658));
-    __m512d z = _mm512_mul_pd(p, c);
+    __m512d z = _mm512_mul_pd(p, s);
     const __m512d one = _mm512_set1_pd(1.0), third = _mm512_set1_pd(1.0 / 3.0);
     for (int k = 0; k < 2; ++k) {
         const __m512d z3 = _mm512_mul_pd(_mm512_mul_pd(z, z), z);

@@ -37,7 +37,7 @@ KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline void LaneMajorSample_AVX2(const ZKS
 // Samples in input order.
 template <int NV>
 KELMA_TARGET_AVX2 void LaneMajorInOrder_AVX2(const ZKSPredictionJob& caller, unsigned int count,
-                                          const unsigned char* input, float* out) {
+                                             const unsigned char* input, float* out) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
     // A local copy: the records written cannot alias it, so its fields stay
     // in registers across samples.
@@ -50,7 +50,7 @@ KELMA_TARGET_AVX2 void LaneMajorInOrder_AVX2(const ZKSPredictionJob& caller, uns
 // Samples block by block in cell order (CellOrder.h).
 template <int NV>
 KELMA_TARGET_AVX2 void LaneMajorByCell_AVX2(const ZKSPredictionJob& caller, unsigned int count,
-                                         const unsigned char* input, float* out) {
+                                            const unsigned char* input, float* out) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
     const ZKSPredictionJob job = caller;
     const yule_nielsen_power::ZKSPowerTables& T = yule_nielsen_power::PowerTables();

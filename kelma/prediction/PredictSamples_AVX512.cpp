@@ -41,7 +41,7 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void LaneMajorSample_AVX512(const
 // Samples in input order.
 template <int NV>
 KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller, unsigned int count,
-                                          const unsigned char* input, float* out) {
+                                                 const unsigned char* input, float* out) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
     // A local copy: the records written cannot alias it, so its fields stay
     // in registers across samples.
@@ -54,7 +54,7 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
 // Samples block by block in cell order (CellOrder.h).
 template <int NV>
 KELMA_TARGET_AVX512 void LaneMajorByCell_AVX512(const ZKSPredictionJob& caller, unsigned int count,
-                                         const unsigned char* input, float* out) {
+                                                const unsigned char* input, float* out) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
     const ZKSPredictionJob job = caller;
     const ZKSPowerTables_AVX512 T = LoadPowerTables_AVX512();
@@ -65,7 +65,8 @@ KELMA_TARGET_AVX512 void LaneMajorByCell_AVX512(const ZKSPredictionJob& caller, 
         const unsigned char* in = input + std::size_t{first} * N;
         float* o = out + first * stride;
         CellOrder<N>(job.lut, job.cellOrderCells, in, m, order);
-        for (unsigned int j = 0; j < m; ++j) LaneMajorSample_AVX512<NV>(job, T, in + order[j] * N, o + order[j] * stride);
+        for (unsigned int j = 0; j < m; ++j)
+            LaneMajorSample_AVX512<NV>(job, T, in + order[j] * N, o + order[j] * stride);
     }
 }
 

@@ -21,7 +21,8 @@ KELMA_TARGET_AVX2 inline __m256d PowerInRange4_AVX2(const yule_nielsen_power::ZK
     const __m256d r2 = _mm256_mul_pd(r, r);
     const __m256d p01 = _mm256_add_pd(_mm256_mul_pd(r, _mm256_set1_pd(kLog2[1])), _mm256_set1_pd(kLog2[0]));
     const __m256d p23 = _mm256_add_pd(_mm256_mul_pd(r, _mm256_set1_pd(kLog2[3])), _mm256_set1_pd(kLog2[2]));
-    const __m256d p = _mm256_add_pd(p01, _mm256_mul_pd(r2, _mm256_add_pd(p23, _mm256_mul_pd(r2, _mm256_set1_pd(kLog2[4])))));
+    const __m256d p =
+        _mm256_add_pd(p01, _mm256_mul_pd(r2, _mm256_add_pd(p23, _mm256_mul_pd(r2, _mm256_set1_pd(kLog2[4])))));
     __m256d t = _mm256_add_pd(_mm256_mul_pd(y, _mm256_sub_pd(e, _mm256_i32gather_pd(T.log2C, i, 8))),
                               _mm256_mul_pd(p, _mm256_mul_pd(y, r)));
     t = _mm256_min_pd(_mm256_max_pd(t, _mm256_set1_pd(kMinT)), _mm256_set1_pd(kMaxT));
@@ -33,7 +34,8 @@ KELMA_TARGET_AVX2 inline __m256d PowerInRange4_AVX2(const yule_nielsen_power::ZK
     const __m256d f2 = _mm256_mul_pd(f, f);
     const __m256d q01 = _mm256_add_pd(_mm256_mul_pd(f, _mm256_set1_pd(kExp[1])), _mm256_set1_pd(kExp[0]));
     const __m256d q23 = _mm256_add_pd(_mm256_mul_pd(f, _mm256_set1_pd(kExp[3])), _mm256_set1_pd(kExp[2]));
-    const __m256d q = _mm256_add_pd(q01, _mm256_mul_pd(f2, _mm256_add_pd(q23, _mm256_mul_pd(f2, _mm256_set1_pd(kExp[4])))));
+    const __m256d q =
+        _mm256_add_pd(q01, _mm256_mul_pd(f2, _mm256_add_pd(q23, _mm256_mul_pd(f2, _mm256_set1_pd(kExp[4])))));
     // 2^((k & 15) / 16) from the table, 2^(k >> 4) from exponent bits
     const __m256d frac = _mm256_i32gather_pd(T.exp2Frac, _mm_and_si128(k, _mm_set1_epi32(15)), 8);
     const __m256i biased = _mm256_cvtepi32_epi64(_mm_add_epi32(_mm_srai_epi32(k, 4), _mm_set1_epi32(1023)));

@@ -55,7 +55,8 @@ KELMA_TARGET_AVX512 inline __m512d PowerInRange8_AVX512(const ZKSPowerTables_AVX
     const __m512d r2 = _mm512_mul_pd(r, r);
     const __m512d p01 = _mm512_add_pd(_mm512_mul_pd(r, _mm512_set1_pd(kLog2[1])), _mm512_set1_pd(kLog2[0]));
     const __m512d p23 = _mm512_add_pd(_mm512_mul_pd(r, _mm512_set1_pd(kLog2[3])), _mm512_set1_pd(kLog2[2]));
-    const __m512d p = _mm512_add_pd(p01, _mm512_mul_pd(r2, _mm512_add_pd(p23, _mm512_mul_pd(r2, _mm512_set1_pd(kLog2[4])))));
+    const __m512d p =
+        _mm512_add_pd(p01, _mm512_mul_pd(r2, _mm512_add_pd(p23, _mm512_mul_pd(r2, _mm512_set1_pd(kLog2[4])))));
     const __m512d t =
         _mm512_add_pd(_mm512_mul_pd(y, _mm512_sub_pd(e, _mm512_permutex2var_pd(T.log2C[0], i, T.log2C[1]))),
                       _mm512_mul_pd(p, _mm512_mul_pd(y, r)));
@@ -66,7 +67,8 @@ KELMA_TARGET_AVX512 inline __m512d PowerInRange8_AVX512(const ZKSPowerTables_AVX
     const __m512d f2 = _mm512_mul_pd(f, f);
     const __m512d q01 = _mm512_add_pd(_mm512_mul_pd(f, _mm512_set1_pd(kExp[1])), _mm512_set1_pd(kExp[0]));
     const __m512d q23 = _mm512_add_pd(_mm512_mul_pd(f, _mm512_set1_pd(kExp[3])), _mm512_set1_pd(kExp[2]));
-    const __m512d q = _mm512_add_pd(q01, _mm512_mul_pd(f2, _mm512_add_pd(q23, _mm512_mul_pd(f2, _mm512_set1_pd(kExp[4])))));
+    const __m512d q =
+        _mm512_add_pd(q01, _mm512_mul_pd(f2, _mm512_add_pd(q23, _mm512_mul_pd(f2, _mm512_set1_pd(kExp[4])))));
     // 2^((k & 15) / 16) from the table, k & 15 being the low bits of the
     // pattern of t + 1.5 2^48 (whose last place is 1/16), times 2^(k >> 4)
     // by scaling; both off the polynomial's chain.
