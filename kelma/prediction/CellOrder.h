@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "kelma/model/ZKCSSE_KELMA_Data.h"
+#include "kelma/prediction/CellSums_Scalar.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -35,9 +35,9 @@ inline void CellOrder(const ZKSSSE_EffectiveRampEntry* lut, unsigned int cells, 
                       unsigned int count, std::uint16_t* order) {
     std::uint32_t start[kCellOrderMaxCells + 1] = {};
     std::uint16_t cell[kCellOrderBlock];
+    float w[N];  // unused here
     for (unsigned int s = 0; s < count; ++s, input += N) {
-        std::uint32_t q = 0;
-        for (int k = 0; k < N; ++k) q += lut[256 * k + input[k]].cellOffset;
+        const std::uint32_t q = LocateSample<N>(lut, input, w);
         cell[s] = static_cast<std::uint16_t>(q);
         ++start[q + 1];
     }

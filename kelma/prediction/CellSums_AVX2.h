@@ -47,13 +47,8 @@ template <int NV>
 KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline void CellSums_AVX2(const ZKSSSE_EffectiveRampEntry* lut, const float* laneRows,
                                             const unsigned char* sample, __m256 sums[4]) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
-    std::uint32_t q = 0;
     float w[N];
-    for (int k = 0; k < N; ++k) {
-        const ZKSSSE_EffectiveRampEntry& e = lut[256 * k + sample[k]];
-        q += e.cellOffset;
-        w[k] = e.weight;
-    }
+    const std::uint32_t q = LocateSample<N>(lut, sample, w);
     alignas(32) float mono[NV][4];
     BuildMonomials_Scalar<NV>(w, mono);
     const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;

@@ -8,6 +8,7 @@
 
 #include "kelma/colorimetry/SpectralDot_SSE.h"
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
+#include "kelma/prediction/CellSums_Scalar.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -50,13 +51,8 @@ inline void CellSums_SSE(const ZKSSSE_EffectiveRampEntry* lut, const float* sche
                          unsigned int values, float* sums) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
     constexpr int kGroup = 4 * NV;  // floats per (cell, wavelength)
-    std::uint32_t q = 0;
     float w[N];
-    for (int k = 0; k < N; ++k) {
-        const ZKSSSE_EffectiveRampEntry& e = lut[256 * k + sample[k]];
-        q += e.cellOffset;
-        w[k] = e.weight;
-    }
+    const std::uint32_t q = LocateSample<N>(lut, sample, w);
     __m128 V[NV];
     BuildMonomials_SSE<NV>(w, V);
     const float* R = scheme + static_cast<std::size_t>(q) * values * kGroup;

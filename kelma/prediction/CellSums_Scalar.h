@@ -4,9 +4,24 @@
 // lane at a time. The reference variant, the documentation and the oracle.
 #pragma once
 
+#include <cstdint>
+
 #include "kelma/model/ZKCSSE_KELMA_Data.h"
 
 namespace KELMA_NAMESPACE {
+
+// The cell of one sample of N inks (the sum of its inks' lookup offsets) and
+// its local coordinates w[0 .. N-1], one table read per ink.
+template <int N>
+inline std::uint32_t LocateSample(const ZKSSSE_EffectiveRampEntry* lut, const unsigned char* sample, float* w) {
+    std::uint32_t q = 0;
+    for (int k = 0; k < N; ++k) {
+        const ZKSSSE_EffectiveRampEntry& e = lut[256 * k + sample[k]];
+        q += e.cellOffset;
+        w[k] = e.weight;
+    }
+    return q;
+}
 
 // Monomials of the local coordinates as NV vectors of 4 lanes (NV = 2^N / 4):
 //   V0 = (1, w0, w1, w0 w1);  V_i = w_(h+2) V_(i - 2^h), h = highest bit of i.
@@ -47,13 +62,8 @@ template <int NV>
 inline void CellSums_Scalar(const ZKSSSE_EffectiveRampEntry* lut, const float* scheme, const unsigned char* sample,
                             unsigned int values, float* sums) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
-    std::uint32_t q = 0;
     float w[N];
-    for (int k = 0; k < N; ++k) {
-        const ZKSSSE_EffectiveRampEntry& e = lut[256 * k + sample[k]];
-        q += e.cellOffset;
-        w[k] = e.weight;
-    }
+    const std::uint32_t q = LocateSample<N>(lut, sample, w);
     float V[NV][4];
     BuildMonomials_Scalar<NV>(w, V);
     const float* block = scheme + static_cast<std::size_t>(q) * values * (4 * NV);
