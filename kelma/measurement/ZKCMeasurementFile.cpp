@@ -318,6 +318,72 @@ PreparedText Prepare(const std::string& file, const std::string& raw) {
     return out;
 }
 
+bool ContainsNoCase(const std::string& word, const char* upper) {
+    const std::size_t n = std::strlen(upper);
+    for (std::size_t i = 0; i + n <= word.size(); ++i) {
+        std::size_t k = 0;
+        while (k < n && std::toupper(static_cast<unsigned char>(word[i + k])) == upper[k]) ++k;
+        if (k == n) return true;
+    }
+    return false;
+}
+
+bool EqualsNoCase(const std::string& word, const char* upper) {
+    return word.size() == std::strlen(upper) && ContainsNoCase(word, upper);
+}
+
+// Little CMS 2.14 sizes a table's field names by NUMBER_OF_FIELDS when it
+// meets BEGIN_DATA_FORMAT and its rows by NUMBER_OF_FIELDS when it meets
+// BEGIN_DATA; a larger count given in between makes it read field names past
+// their array and crash. So NUMBER_OF_FIELDS may not follow its table's data
+// format. The check runs on the text the parser gets and errs on the strict
+// side of the parser's reading: words are runs outside strings and comments
+// (strings end at their quote or at a line break, '\r' included, as the
+// parser ends them), a word that merely contains NUMBER_OF_FIELDS or
+// BEGIN_DATA_FORMAT counts (the parser splits "1.5NUMBER_OF_FIELDS" into a
+// number and a name), a data section starts only at the exact word BEGIN_DATA
+// and ends, starting the next table, at any word containing END_DATA. Where
+// this differs from the parser it refuses a file the parser would read safely,
+// never the other way round.
+void CheckFieldCountPrecedesFormat(const std::string& file, const std::string& text) {
+    bool formatSeen = false, inData = false;
+    std::size_t formatLine = 0, line = 1;
+    std::string word;
+    auto endWord = [&] {
+        if (word.empty()) return;
+        if (inData) {
+            if (ContainsNoCase(word, "END_DATA")) inData = false, formatSeen = false;
+        } else if (ContainsNoCase(word, "NUMBER_OF_FIELDS") && formatSeen) {
+            throw ZKCMeasurementError(file, "line " + std::to_string(line) +
+                                                ": NUMBER_OF_FIELDS follows the data format of its table (line " +
+                                                std::to_string(formatLine) +
+                                                "); give it once, before BEGIN_DATA_FORMAT");
+        } else if (ContainsNoCase(word, "BEGIN_DATA_FORMAT")) {
+            if (!formatSeen) formatLine = line;
+            formatSeen = true;
+        } else if (EqualsNoCase(word, "BEGIN_DATA")) {
+            inData = true;
+        }
+        word.clear();
+    };
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '#' || IsQuote(c)) {
+            endWord();
+            // A comment runs to the line break; a string to its quote or the line break.
+            std::size_t j = i + 1;
+            while (j < text.size() && text[j] != '\n' && text[j] != '\r' && !(IsQuote(c) && text[j] == c)) ++j;
+            i = (j < text.size() && text[j] == c) ? j : j - 1;
+        } else if (IsBlank(c) || c == '\n' || c == '\r') {
+            endWord();
+            if (c == '\n') ++line;
+        } else {
+            word += c;
+        }
+    }
+    endWord();
+}
+
 // Strict decimal number (optional sign, digits, point, exponent), finite.
 bool ParseNumber(const char* text, double& value) {
     if (text == nullptr) return false;
@@ -482,7 +548,8 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
     const std::string& file = data_.file;
     PreparedText prepared = Prepare(file, DecodedText(file, contents));
 
-    // Ragged rows first: the parser reads the data as one stream of values,
+    CheckFieldCountPrecedesFormat(file, prepared.text);
+    // Ragged rows next: the parser reads the data as one stream of values,
     // so a short row would otherwise shift every later value into the wrong field.
     const std::size_t formatCount = prepared.formatFields.size();
     for (const DataLine& line : prepared.dataLines) {

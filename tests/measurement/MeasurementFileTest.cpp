@@ -470,3 +470,51 @@ TEST(MeasurementFile, XyzFieldsAreReadAsWrittenAllThreeOrNone) {
                   .find("CIE XYZ fields incomplete, missing XYZ_Z"),
               std::string::npos);
 }
+
+TEST(MeasurementFile, FieldCountAfterTheDataFormatIsRefusedBeforeTheParserReadsIt) {
+    // A larger NUMBER_OF_FIELDS between the data format and the data made the
+    // parser read field names past their array (found by the fuzzer; this
+    // first text is its finding, reduced).
+    struct Case {
+        const char* name;
+        std::string text;
+        const char* problem;
+    };
+    const std::string format = "NUMBER_OF_FIELDS 3\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM400 SPECTRAL_NM700\n"
+                               "END_DATA_FORMAT\n";
+    // Six values in rows of three: one set of six fields to the parser, as the count says.
+    const std::string data = "NUMBER_OF_SETS 1\nBEGIN_DATA\n1 0.5 0.6\n0.7 0.8 0.9\nEND_DATA\n";
+    const Case refused[] = {
+        {"fuzzer", "NUMBER_OF_FIELDS\t3\nBEGIN_DATA_FORMAT\nA\tS0\t\x95\nEND_DATA_FORMAT\nNUMBER_OF_SETS\t1\n\n"
+                   "NUMBER_OF_FIELDS\t6\nBEGIN_DATA",
+         "line 7: NUMBER_OF_FIELDS follows the data format of its table (line 2); give it once, before "
+         "BEGIN_DATA_FORMAT"},
+        {"lower case", "CGATS.17\n" + format + "number_of_fields 6\n" + data, "line 6: NUMBER_OF_FIELDS follows"},
+        // The parser reads two pairs from this line: ORIGINATOR "x" and NUMBER_OF_FIELDS 6.
+        {"second pair", "CGATS.17\n" + format + "ORIGINATOR \"x\" NUMBER_OF_FIELDS 6\n" + data,
+         "line 6: NUMBER_OF_FIELDS follows"},
+        // A carriage return ends the parser's string, so the count is read.
+        {"string ended by CR", "CGATS.17\n" + format + "ORIGINATOR \"x\rNUMBER_OF_FIELDS 6\n" + data,
+         "line 6: NUMBER_OF_FIELDS follows"},
+        {"second format", "CGATS.17\n" + format + "NUMBER_OF_FIELDS 6\n" + format + data,
+         "line 6: NUMBER_OF_FIELDS follows the data format of its table (line 3)"},
+    };
+    for (const Case& c : refused) {
+        const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", c.text); }, "m");
+        EXPECT_NE(what.find(c.problem), std::string::npos) << c.name << " gave: " << what;
+    }
+
+    // The name in a string, a comment, a sample ID, or as the next table's own count.
+    const std::string rows = "NUMBER_OF_SETS 2\nBEGIN_DATA\n1 0.5 0.6\nNUMBER_OF_FIELDS 0.4 0.5\nEND_DATA\n";
+    const std::string fine[] = {
+        "CGATS.17\n" + format + "ORIGINATOR \"NUMBER_OF_FIELDS 6\"\n" + rows,
+        "CGATS.17\n" + format + "# NUMBER_OF_FIELDS 6\n" + rows,
+        "CGATS.17\n" + format + rows + "CGATS.17\nNUMBER_OF_FIELDS 2\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM400\n"
+                                       "END_DATA_FORMAT\nNUMBER_OF_SETS 1\nBEGIN_DATA\n1 0.5\nEND_DATA\n",
+    };
+    for (const std::string& text : fine) {
+        const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("m", text);
+        EXPECT_EQ(f.Data().sampleIds, (std::vector<std::string>{"1", "NUMBER_OF_FIELDS"})) << text;
+        EXPECT_EQ(f.Data().spectra, (std::vector<float>{0.5f, 0.6f, 0.4f, 0.5f})) << text;
+    }
+}
