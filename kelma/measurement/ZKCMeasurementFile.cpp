@@ -318,6 +318,17 @@ PreparedText Prepare(const std::string& file, const std::string& raw) {
     return out;
 }
 
+bool AllDigits(const std::string& s) {
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// A count as the file gives it, any double (the parser reads it as one).
+std::string WrittenCount(double v) {
+    char text[32];
+    std::snprintf(text, sizeof text, std::fabs(v) < 1e15 ? "%.0f" : "%g", v);
+    return text;
+}
+
 bool ContainsNoCase(const std::string& word, const char* upper) {
     const std::size_t n = std::strlen(upper);
     for (std::size_t i = 0; i + n <= word.size(); ++i) {
@@ -332,48 +343,34 @@ bool EqualsNoCase(const std::string& word, const char* upper) {
     return word.size() == std::strlen(upper) && ContainsNoCase(word, upper);
 }
 
-// Little CMS 2.14 sizes a table's field names by NUMBER_OF_FIELDS when it
-// meets BEGIN_DATA_FORMAT and its rows by NUMBER_OF_FIELDS when it meets
-// BEGIN_DATA; a larger count given in between makes it read field names past
-// their array and crash. So NUMBER_OF_FIELDS may not follow its table's data
-// format. The check runs on the text the parser gets and errs on the strict
-// side of the parser's reading: words are runs outside strings and comments
-// (strings end at their quote or at a line break, '\r' included, as the
-// parser ends them), a word that merely contains NUMBER_OF_FIELDS or
-// BEGIN_DATA_FORMAT counts (the parser splits "1.5NUMBER_OF_FIELDS" into a
-// number and a name), a data section starts only at the exact word BEGIN_DATA
-// and ends, starting the next table, at any word containing END_DATA. Where
-// this differs from the parser it refuses a file the parser would read safely,
-// never the other way round.
-void CheckFieldCountPrecedesFormat(const std::string& file, const std::string& text) {
-    bool formatSeen = false, inData = false;
-    std::size_t formatLine = 0, line = 1;
+// Symbols of the text as Little CMS's IT8 parser splits it, as far as the
+// checks below need: strings ("..." or '...', ended by their quote or a line
+// break, '\r' included, as the parser ends them) and words (runs outside
+// strings and comments). The parser splits some words further
+// ("1.5NUMBER_OF_FIELDS" is a number and a name), so the checks treat a word
+// that contains a keyword as that keyword.
+struct ParserSymbol {
+    std::string text;
+    bool quoted;
+    std::size_t line;  // 1-based
+};
+
+std::vector<ParserSymbol> ParserSymbols(const std::string& text) {
+    std::vector<ParserSymbol> symbols;
+    std::size_t line = 1;
     std::string word;
     auto endWord = [&] {
-        if (word.empty()) return;
-        if (inData) {
-            if (ContainsNoCase(word, "END_DATA")) inData = false, formatSeen = false;
-        } else if (ContainsNoCase(word, "NUMBER_OF_FIELDS") && formatSeen) {
-            throw ZKCMeasurementError(file, "line " + std::to_string(line) +
-                                                ": NUMBER_OF_FIELDS follows the data format of its table (line " +
-                                                std::to_string(formatLine) +
-                                                "); give it once, before BEGIN_DATA_FORMAT");
-        } else if (ContainsNoCase(word, "BEGIN_DATA_FORMAT")) {
-            if (!formatSeen) formatLine = line;
-            formatSeen = true;
-        } else if (EqualsNoCase(word, "BEGIN_DATA")) {
-            inData = true;
-        }
+        if (!word.empty()) symbols.push_back({word, false, line});
         word.clear();
     };
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '#' || IsQuote(c)) {
             endWord();
-            // A comment runs to the line break; a string to its quote or the line break.
             std::size_t j = i + 1;
             while (j < text.size() && text[j] != '\n' && text[j] != '\r' && !(IsQuote(c) && text[j] == c)) ++j;
-            i = (j < text.size() && text[j] == c) ? j : j - 1;
+            if (IsQuote(c)) symbols.push_back({text.substr(i + 1, j - i - 1), true, line});
+            i = (j < text.size() && text[j] == c) ? j : j - 1;  // a line break is counted next round
         } else if (IsBlank(c) || c == '\n' || c == '\r') {
             endWord();
             if (c == '\n') ++line;
@@ -382,6 +379,73 @@ void CheckFieldCountPrecedesFormat(const std::string& file, const std::string& t
         }
     }
     endWord();
+    return symbols;
+}
+
+// Little CMS 2.14 trusts a table's NUMBER_OF_FIELDS and NUMBER_OF_SETS: it
+// sizes the field names by NUMBER_OF_FIELDS when it meets BEGIN_DATA_FORMAT,
+// the rows by both when it meets BEGIN_DATA (in 32-bit arithmetic), and a
+// count that overflows that size, or a larger NUMBER_OF_FIELDS given after
+// the data format, makes it write or read past its arrays. So before the
+// parser sees the text: each count is a whole number written on its keyword's
+// line, a table's counts promise no more values than the text could hold
+// (each value takes a character and a separator, so a readable file always
+// keeps this), and NUMBER_OF_FIELDS never follows its table's data format.
+// Where these symbols differ from the parser's they err on the strict side:
+// a word containing a count's name is that count, a word containing
+// BEGIN_DATA_FORMAT starts the data format, a data section starts only at the
+// exact word BEGIN_DATA and ends, starting the next table, at any word
+// containing END_DATA. Such a file may be refused though the parser would
+// have read it safely, never the other way round.
+void CheckTableCounts(const std::string& file, const std::string& text) {
+    const std::vector<ParserSymbol> symbols = ParserSymbols(text);
+    const double maxValues = static_cast<double>(text.size() / 2 + 1);
+    bool inData = false;
+    std::size_t formatLine = 0;  // 0: this table has no data format yet
+    double fields = 0, sets = 0;  // as the table's counts stand
+    auto Refuse = [&](std::size_t line, const std::string& problem) {
+        throw ZKCMeasurementError(file, "line " + std::to_string(line) + ": " + problem);
+    };
+    for (std::size_t k = 0; k < symbols.size(); ++k) {
+        const ParserSymbol& s = symbols[k];
+        if (s.quoted) continue;
+        if (inData) {
+            if (ContainsNoCase(s.text, "END_DATA")) inData = false, formatLine = 0, fields = sets = 0;
+            continue;
+        }
+        const bool isFields = ContainsNoCase(s.text, "NUMBER_OF_FIELDS");
+        if (isFields || ContainsNoCase(s.text, "NUMBER_OF_SETS")) {
+            const char* name = isFields ? "NUMBER_OF_FIELDS" : "NUMBER_OF_SETS";
+            if (isFields && formatLine != 0)
+                Refuse(s.line, std::string(name) + " follows the data format of its table (line " +
+                                   std::to_string(formatLine) + "); give it once, before BEGIN_DATA_FORMAT");
+            if (k + 1 == symbols.size() || symbols[k + 1].line != s.line)
+                Refuse(s.line, std::string(name) + " has no value");
+            const std::string& written = symbols[k + 1].text;
+            if (!AllDigits(written)) Refuse(s.line, std::string(name) + " '" + written + "' is not a whole number");
+            // Compared as doubles: exact far beyond any bound here, and a
+            // count too large for a double is infinite, so refused.
+            const double count = std::strtod(written.c_str(), nullptr);
+            (isFields ? fields : sets) = count;
+            const double other = isFields ? sets : fields;
+            if (count > maxValues || count * other > maxValues) {
+                std::string problem = std::string(name) + " is " +
+                                      (std::isfinite(count) ? WrittenCount(count) : written.substr(0, 20) + "...");
+                if (other != 0)
+                    problem += std::string(": with ") + (isFields ? "NUMBER_OF_SETS " : "NUMBER_OF_FIELDS ") +
+                               WrittenCount(other) + " that is";
+                else
+                    problem += ",";
+                Refuse(s.line, problem + " more values than a file of " + std::to_string(text.size()) +
+                                   " bytes can hold");
+            }
+            ++k;  // the value
+        } else if (ContainsNoCase(s.text, "BEGIN_DATA_FORMAT")) {
+            if (formatLine == 0) formatLine = s.line;
+        } else if (EqualsNoCase(s.text, "BEGIN_DATA")) {
+            inData = true;
+        }
+    }
 }
 
 // Strict decimal number (optional sign, digits, point, exponent), finite.
@@ -406,13 +470,6 @@ bool OutOfDoubleRange(const std::string& text) {
 std::string FloatMaxText() {
     char text[32];
     std::snprintf(text, sizeof text, "%g", static_cast<double>(std::numeric_limits<float>::max()));
-    return text;
-}
-
-// A count as the file gives it, any double (the parser reads it as one).
-std::string WrittenCount(double v) {
-    char text[32];
-    std::snprintf(text, sizeof text, std::fabs(v) < 1e15 ? "%.0f" : "%g", v);
     return text;
 }
 
@@ -443,10 +500,6 @@ bool StartsWithNoCase(const std::string& s, const char* prefix) {
     for (std::size_t i = 0; i < n; ++i)
         if (std::toupper(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
     return true;
-}
-
-bool AllDigits(const std::string& s) {
-    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 // The wavelength of a spectral field name, in the forms instruments and
@@ -548,7 +601,7 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
     const std::string& file = data_.file;
     PreparedText prepared = Prepare(file, DecodedText(file, contents));
 
-    CheckFieldCountPrecedesFormat(file, prepared.text);
+    CheckTableCounts(file, prepared.text);
     // Ragged rows next: the parser reads the data as one stream of values,
     // so a short row would otherwise shift every later value into the wrong field.
     const std::size_t formatCount = prepared.formatFields.size();

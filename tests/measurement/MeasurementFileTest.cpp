@@ -503,7 +503,6 @@ TEST(MeasurementFile, FieldCountAfterTheDataFormatIsRefusedBeforeTheParserReadsI
         const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", c.text); }, "m");
         EXPECT_NE(what.find(c.problem), std::string::npos) << c.name << " gave: " << what;
     }
-
     // The name in a string, a comment, a sample ID, or as the next table's own count.
     const std::string rows = "NUMBER_OF_SETS 2\nBEGIN_DATA\n1 0.5 0.6\nNUMBER_OF_FIELDS 0.4 0.5\nEND_DATA\n";
     const std::string fine[] = {
@@ -516,5 +515,42 @@ TEST(MeasurementFile, FieldCountAfterTheDataFormatIsRefusedBeforeTheParserReadsI
         const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("m", text);
         EXPECT_EQ(f.Data().sampleIds, (std::vector<std::string>{"1", "NUMBER_OF_FIELDS"})) << text;
         EXPECT_EQ(f.Data().spectra, (std::vector<float>{0.5f, 0.6f, 0.4f, 0.5f})) << text;
+    }
+}
+
+TEST(MeasurementFile, CountsAreWholeNumbersTheTextCanHold) {
+    // 3000 fields and one row of 3000 values: rows the right length, so only
+    // the count is wrong. The parser sized its field names by (count + 1) * 8
+    // bytes in 32 bits: 2^29 wrapped to 8 bytes and the names overran them.
+    std::string names = "SAMPLE_ID", row = "1";
+    for (int k = 1; k < 3000; ++k) names += " F" + std::to_string(k), row += " 0.5";
+    auto Chart = [&](const std::string& fields, const std::string& sets) {
+        return "CGATS.17\nNUMBER_OF_FIELDS " + fields + "\nBEGIN_DATA_FORMAT\n" + names + "\nEND_DATA_FORMAT\n" +
+               "NUMBER_OF_SETS " + sets + "\nBEGIN_DATA\n" + row + "\nEND_DATA\n";
+    };
+    const std::string bytes = std::to_string(Chart("536870912", "1").size());
+    struct Case {
+        std::string fields, sets, problem;
+    };
+    const Case refused[] = {
+        {"536870912", "1", "line 2: NUMBER_OF_FIELDS is 536870912, more values than a file of " + bytes +
+                               " bytes can hold"},
+        {"3000", "2147483647", "line 6: NUMBER_OF_SETS is 2147483647: with NUMBER_OF_FIELDS 3000 that is more"},
+        {"3000", "7", "line 6: NUMBER_OF_SETS is 7: with NUMBER_OF_FIELDS 3000 that is more values"},
+        {"3000", std::string(400, '9'), "line 6: NUMBER_OF_SETS is 99999999999999999999...: with NUMBER_OF_FIELDS 3000"},
+        {"0x0BB8", "1", "line 2: NUMBER_OF_FIELDS '0x0BB8' is not a whole number"},
+        {"3e3", "1", "line 2: NUMBER_OF_FIELDS '3e3' is not a whole number"},
+        {"3000", "\n1", "line 6: NUMBER_OF_SETS has no value"},
+    };
+    for (const Case& c : refused) {
+        const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", Chart(c.fields, c.sets)); }, "m");
+        EXPECT_NE(what.find(c.problem), std::string::npos) << c.fields << " x " << c.sets.substr(0, 20) << " gave: " << what;
+    }
+    // Written as the parser reads them too: quoted, or with leading zeros.
+    for (const auto& counts : {std::make_pair("3000", "1"), std::make_pair("\"3000\"", "\"1\""),
+                               std::make_pair("003000", "01")}) {
+        const ZKCMeasurementFile f =
+            ZKCMeasurementFile::FromText("m", Chart(counts.first, counts.second), MEASUREMENT_CONTENT_ANY);
+        EXPECT_EQ(f.Data().sampleIds, std::vector<std::string>{"1"}) << counts.first;
     }
 }
