@@ -382,22 +382,26 @@ std::vector<ParserSymbol> ParserSymbols(const std::string& text) {
     return symbols;
 }
 
-// Little CMS 2.14 trusts a table's NUMBER_OF_FIELDS and NUMBER_OF_SETS: it
-// sizes the field names by NUMBER_OF_FIELDS when it meets BEGIN_DATA_FORMAT,
-// the rows by both when it meets BEGIN_DATA (in 32-bit arithmetic), and a
-// count that overflows that size, or a larger NUMBER_OF_FIELDS given after
-// the data format, makes it write or read past its arrays. So before the
-// parser sees the text: each count is a whole number written on its keyword's
-// line, a table's counts promise no more values than the text could hold
-// (each value takes a character and a separator, so a readable file always
-// keeps this), and NUMBER_OF_FIELDS never follows its table's data format.
-// Where these symbols differ from the parser's they err on the strict side:
-// a word containing a count's name is that count, a word containing
-// BEGIN_DATA_FORMAT starts the data format, a data section starts only at the
-// exact word BEGIN_DATA and ends, starting the next table, at any word
-// containing END_DATA. Such a file may be refused though the parser would
-// have read it safely, never the other way round.
-void CheckTableCounts(const std::string& file, const std::string& text) {
+// What Little CMS 2.14's IT8 parser must not see. It reads the file named by
+// a $INCLUDE or .INCLUDE directive (anywhere, data included) from the disk,
+// relative to the working directory: a measurement file that reaches into
+// other files, or blocks on a device or FIFO, is refused. It trusts a table's
+// NUMBER_OF_FIELDS and NUMBER_OF_SETS: it sizes the field names by
+// NUMBER_OF_FIELDS when it meets BEGIN_DATA_FORMAT, the rows by both when it
+// meets BEGIN_DATA (in 32-bit arithmetic), and a count that overflows that
+// size, or a larger NUMBER_OF_FIELDS given after the data format, makes it
+// write or read past its arrays. So each count is a whole number written on
+// its keyword's line, a table's counts promise no more values than the text
+// could hold (each value takes a character and a separator, so a readable
+// file always keeps this), and NUMBER_OF_FIELDS never follows its table's
+// data format. Where these symbols differ from the parser's they err on the
+// strict side: a word containing a directive's or a count's name is that
+// directive or count, a word containing BEGIN_DATA_FORMAT starts the data
+// format, a data section starts only at the exact word BEGIN_DATA and ends,
+// starting the next table, at any word containing END_DATA. Such a file may
+// be refused though the parser would have read it safely, never the other
+// way round.
+void RefuseParserHazards(const std::string& file, const std::string& text) {
     const std::vector<ParserSymbol> symbols = ParserSymbols(text);
     const double maxValues = static_cast<double>(text.size() / 2 + 1);
     bool inData = false;
@@ -409,6 +413,9 @@ void CheckTableCounts(const std::string& file, const std::string& text) {
     for (std::size_t k = 0; k < symbols.size(); ++k) {
         const ParserSymbol& s = symbols[k];
         if (s.quoted) continue;
+        if (ContainsNoCase(s.text, "$INCLUDE") || ContainsNoCase(s.text, ".INCLUDE"))
+            Refuse(s.line, "a measurement file must hold all its data; it cannot include another file (" +
+                               s.text + ")");
         if (inData) {
             if (ContainsNoCase(s.text, "END_DATA")) inData = false, formatLine = 0, fields = sets = 0;
             continue;
@@ -601,7 +608,7 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
     const std::string& file = data_.file;
     PreparedText prepared = Prepare(file, DecodedText(file, contents));
 
-    CheckTableCounts(file, prepared.text);
+    RefuseParserHazards(file, prepared.text);
     // Ragged rows next: the parser reads the data as one stream of values,
     // so a short row would otherwise shift every later value into the wrong field.
     const std::size_t formatCount = prepared.formatFields.size();

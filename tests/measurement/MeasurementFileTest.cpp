@@ -537,14 +537,17 @@ TEST(MeasurementFile, CountsAreWholeNumbersTheTextCanHold) {
                                " bytes can hold"},
         {"3000", "2147483647", "line 6: NUMBER_OF_SETS is 2147483647: with NUMBER_OF_FIELDS 3000 that is more"},
         {"3000", "7", "line 6: NUMBER_OF_SETS is 7: with NUMBER_OF_FIELDS 3000 that is more values"},
-        {"3000", std::string(400, '9'), "line 6: NUMBER_OF_SETS is 99999999999999999999...: with NUMBER_OF_FIELDS 3000"},
+        {"3000", std::string(400, '9'),
+         "line 6: NUMBER_OF_SETS is 99999999999999999999...: with NUMBER_OF_FIELDS 3000"},
         {"0x0BB8", "1", "line 2: NUMBER_OF_FIELDS '0x0BB8' is not a whole number"},
         {"3e3", "1", "line 2: NUMBER_OF_FIELDS '3e3' is not a whole number"},
         {"3000", "\n1", "line 6: NUMBER_OF_SETS has no value"},
     };
     for (const Case& c : refused) {
-        const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", Chart(c.fields, c.sets)); }, "m");
-        EXPECT_NE(what.find(c.problem), std::string::npos) << c.fields << " x " << c.sets.substr(0, 20) << " gave: " << what;
+        const std::string what =
+            MeasurementError([&] { ZKCMeasurementFile::FromText("m", Chart(c.fields, c.sets)); }, "m");
+        EXPECT_NE(what.find(c.problem), std::string::npos)
+            << c.fields << " x " << c.sets.substr(0, 20) << " gave: " << what;
     }
     // Written as the parser reads them too: quoted, or with leading zeros.
     for (const auto& counts : {std::make_pair("3000", "1"), std::make_pair("\"3000\"", "\"1\""),
@@ -552,5 +555,33 @@ TEST(MeasurementFile, CountsAreWholeNumbersTheTextCanHold) {
         const ZKCMeasurementFile f =
             ZKCMeasurementFile::FromText("m", Chart(counts.first, counts.second), MEASUREMENT_CONTENT_ANY);
         EXPECT_EQ(f.Data().sampleIds, std::vector<std::string>{"1"}) << counts.first;
+    }
+}
+
+TEST(MeasurementFile, IncludeDirectivesAreRefusedWhereverTheParserWouldFollowThem) {
+    // The parser would open the named file from the disk; this one exists, so
+    // only the refusal stops it.
+    const std::string included = kDataDir + "good_latin1.txt";
+    auto Chart = [](const std::string& header, const std::string& row) {
+        return "CGATS.17\nNUMBER_OF_FIELDS 2\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM400\nEND_DATA_FORMAT\n" + header +
+               "NUMBER_OF_SETS 1\nBEGIN_DATA\n" + row + "\nEND_DATA\n";
+    };
+    const std::string directive = "\"" + included + "\"";
+    const std::pair<std::string, const char*> refused[] = {
+        {Chart(".INCLUDE " + directive + "\n", "1 0.5"), "line 6: a measurement file must hold all its data; it "
+                                                           "cannot include another file (.INCLUDE)"},
+        {Chart("$include " + directive + "\n", "1 0.5"), "line 6: "},
+        {Chart("", "$INCLUDE " + directive), "line 8: "},  // in the data section too
+        {Chart("ORIGINATOR \"x\" .INCLUDE " + directive + "\n", "1 0.5"), "line 6: "},
+    };
+    for (const auto& c : refused) {
+        const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", c.first); }, "m");
+        EXPECT_NE(what.find(c.second), std::string::npos) << c.first << " gave: " << what;
+        EXPECT_NE(what.find("cannot include another file"), std::string::npos) << what;
+    }
+    // Only a directive counts: the words in a value or a comment do not.
+    for (const std::string& header : {"ORIGINATOR \".INCLUDE " + included + "\"\n", std::string("# $INCLUDE x\n")}) {
+        const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("m", Chart(header, "1 0.5"));
+        EXPECT_EQ(f.Data().spectra, std::vector<float>{0.5f}) << header;
     }
 }
