@@ -4,6 +4,8 @@
 #   bash scripts/fuzz.sh                  30 s per harness (CI)
 #   FUZZ_SECONDS=600 bash scripts/fuzz.sh longer runs
 #   FUZZ_RUNS=1000000 bash scripts/fuzz.sh a fixed number of executions instead
+#   FUZZ_SEED=0 bash scripts/fuzz.sh      a new random seed (the default, 1,
+#                                         makes a CI run reproducible)
 # New inputs go to build-fuzz/corpus/<harness> (the seeds stay as they are);
 # a finding stops the run, leaves crash-* / leak-* / timeout-* in build-fuzz
 # and makes the script fail. Reproduce one with:
@@ -14,6 +16,7 @@ bash scripts/install-deps.sh
 BUILD_DIR=${FUZZ_BUILD_DIR:-build-fuzz}
 SECONDS_EACH=${FUZZ_SECONDS:-30}
 RUNS=${FUZZ_RUNS:-}
+SEED=${FUZZ_SEED:-1}
 HARNESSES=(measurement_file model_building)
 
 CC=clang CXX=clang++ cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -29,8 +32,8 @@ for h in "${HARNESSES[@]}"; do
   if [ -n "$RUNS" ]; then limit=(-runs="$RUNS"); fi
   dict=()
   if [ -f "fuzz/$h.dict" ]; then dict=(-dict="fuzz/$h.dict"); fi
-  echo "== fuzz_$h: ${limit[*]}"
+  echo "== fuzz_$h: ${limit[*]} -seed=$SEED"
   # -timeout: one input taking over 10 s is a finding; -rss_limit_mb bounds memory.
-  "$BUILD_DIR/fuzz/fuzz_$h" "${limit[@]}" "${dict[@]}" -timeout=10 -rss_limit_mb=2048 -max_len=16384 \
+  "$BUILD_DIR/fuzz/fuzz_$h" "${limit[@]}" "${dict[@]}" -seed="$SEED" -timeout=10 -rss_limit_mb=2048 -max_len=16384 \
     -artifact_prefix="$BUILD_DIR/" -print_final_stats=1 "$corpus" "fuzz/corpus/$h"
 done
