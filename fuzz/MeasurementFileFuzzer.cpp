@@ -14,15 +14,11 @@
 #include "kelma/measurement/ZKCMeasurementFile.h"
 #include "kelma/threading/Threading.h"
 
+#include "FuzzPromise.h"
+
 using namespace kelma;
 
 namespace {
-
-void Require(bool ok, const char* promise) {
-    if (ok) return;
-    std::fprintf(stderr, "broken promise: %s\n", promise);
-    std::abort();
-}
 
 bool IsUtf8(const std::string& s) {
     std::size_t i = 0;

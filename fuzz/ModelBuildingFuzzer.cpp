@@ -21,15 +21,11 @@
 #include "kelma/modelbuilding/ZKCModelBuilder.h"
 #include "kelma/threading/Threading.h"
 
+#include "FuzzPromise.h"
+
 using namespace kelma;
 
 namespace {
-
-void Require(bool ok, const char* promise) {
-    if (ok) return;
-    std::fprintf(stderr, "broken promise: %s\n", promise);
-    std::abort();
-}
 
 // An arbitrary double, special values included: eight raw bytes half the
 // time, otherwise a value near the usual range.

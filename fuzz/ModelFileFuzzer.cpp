@@ -17,26 +17,13 @@
 #include "kelma/modelfile/ZKSModelFile.h"
 #include "kelma/prediction/PredictColorimetry.h"
 #include "kelma/threading/Threading.h"
+#include "tests/support/Fnv1a64.h"
+
+#include "FuzzPromise.h"
 
 using namespace kelma;
 
 namespace {
-
-void Require(bool ok, const char* promise) {
-    if (ok) return;
-    std::fprintf(stderr, "broken promise: %s\n", promise);
-    std::abort();
-}
-
-// FNV-1a, 64 bit, written here from its definition rather than taken from
-// the reader, which it checks.
-std::string Fnv1a64Hex(const std::string& bytes) {
-    std::uint64_t h = 0xcbf29ce484222325ull;
-    for (unsigned char c : bytes) h = (h ^ c) * 0x100000001b3ull;
-    char hex[17];
-    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(h));
-    return hex;
-}
 
 // The paper, every single ink, all inks, and a few mid tones.
 std::vector<unsigned char> Samples(unsigned int inks) {
@@ -64,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
     if (data[0] & 1) {
         if (!text.empty() && text.back() != '\n') text += '\n';
-        text += "checksum fnv1a64 " + Fnv1a64Hex(text) + "\nend\n";
+        text += "checksum fnv1a64 " + kelma_test::Fnv1a64Hex(text) + "\nend\n";
     }
     try {
         const ZKSModelFile file = ZKSModelFile::Parse(text, "fuzz.kelma");

@@ -23,6 +23,7 @@
 #include "tests/support/ModelGenerator.h"
 #include "tests/support/ScratchFiles.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/Fnv1a64.h"
 
 using namespace kelma;
 using kelma_test::MakeTestModel;
@@ -41,21 +42,12 @@ bool SameDoubles(const std::vector<double>& a, const std::vector<double>& b) {
     return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
 }
 
-// Independent FNV-1a (64 bit), to re-seal deliberately altered files.
-std::string Fnv1a64Hex(const std::string& bytes) {
-    std::uint64_t h = 14695981039346656037ull;
-    for (unsigned char c : bytes) h = (h ^ c) * 1099511628211ull;
-    char buf[17];
-    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
-    return buf;
-}
-
 // Replaces the checksum so that it matches the (altered) content again.
 std::string Reseal(const std::string& text) {
     const std::size_t at = text.rfind("checksum fnv1a64 ");
     if (at == std::string::npos) return text;
     const std::size_t eol = text.find('\n', at);
-    return text.substr(0, at) + "checksum fnv1a64 " + Fnv1a64Hex(text.substr(0, at)) + text.substr(eol);
+    return text.substr(0, at) + "checksum fnv1a64 " + kelma_test::Fnv1a64Hex(text.substr(0, at)) + text.substr(eol);
 }
 
 std::string ReplaceOnce(std::string text, const std::string& from, const std::string& to) {
