@@ -353,23 +353,25 @@ struct ParserSymbol {
     std::string text;
     bool quoted;
     std::size_t line;  // 1-based
+    std::size_t end;   // offset just past the symbol
 };
 
 std::vector<ParserSymbol> ParserSymbols(const std::string& text) {
     std::vector<ParserSymbol> symbols;
-    std::size_t line = 1;
+    std::size_t line = 1, end = 0;
     std::string word;
     auto endWord = [&] {
-        if (!word.empty()) symbols.push_back({word, false, line});
+        if (!word.empty()) symbols.push_back({word, false, line, end});
         word.clear();
     };
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
+        end = i;
         if (c == '#' || IsQuote(c)) {
             endWord();
             std::size_t j = i + 1;
             while (j < text.size() && text[j] != '\n' && text[j] != '\r' && !(IsQuote(c) && text[j] == c)) ++j;
-            if (IsQuote(c)) symbols.push_back({text.substr(i + 1, j - i - 1), true, line});
+            if (IsQuote(c)) symbols.push_back({text.substr(i + 1, j - i - 1), true, line, j + 1});
             i = (j < text.size() && text[j] == c) ? j : j - 1;  // a line break is counted next round
         } else if (IsBlank(c) || c == '\n' || c == '\r') {
             endWord();
@@ -378,30 +380,34 @@ std::vector<ParserSymbol> ParserSymbols(const std::string& text) {
             word += c;
         }
     }
+    end = text.size();
     endWord();
     return symbols;
 }
 
-// What Little CMS 2.14's IT8 parser must not see. It reads the file named by
-// a $INCLUDE or .INCLUDE directive (anywhere, data included) from the disk,
-// relative to the working directory: a measurement file that reaches into
-// other files, or blocks on a device or FIFO, is refused. It trusts a table's
-// NUMBER_OF_FIELDS and NUMBER_OF_SETS: it sizes the field names by
-// NUMBER_OF_FIELDS when it meets BEGIN_DATA_FORMAT, the rows by both when it
-// meets BEGIN_DATA (in 32-bit arithmetic), and a count that overflows that
-// size, or a larger NUMBER_OF_FIELDS given after the data format, makes it
-// write or read past its arrays. So each count is a whole number written on
-// its keyword's line, a table's counts promise no more values than the text
-// could hold (each value takes a character and a separator, so a readable
-// file always keeps this), and NUMBER_OF_FIELDS never follows its table's
+// What Little CMS 2.14's IT8 parser must not see. Only the first table is
+// read, so the parser gets the text up to the end of the line where that
+// table's data ends: more than 254 tables made it write past its table
+// array, and nothing after the first table can reach it. Before that point,
+// it reads the file named by a $INCLUDE or .INCLUDE directive (anywhere, data
+// included) from the disk, relative to the working directory: a measurement
+// file that reaches into other files, or blocks on a device or FIFO, is
+// refused. It trusts NUMBER_OF_FIELDS and NUMBER_OF_SETS: it sizes the field
+// names by NUMBER_OF_FIELDS when it meets BEGIN_DATA_FORMAT, the rows by both
+// when it meets BEGIN_DATA (in 32-bit arithmetic), and a count that
+// overflows that size, or a larger NUMBER_OF_FIELDS given after the data
+// format, makes it write or read past its arrays. So each count is a whole
+// number written on its keyword's line, the counts promise no more values
+// than the text could hold (each value takes a character and a separator, so
+// a readable file always keeps this), and NUMBER_OF_FIELDS never follows the
 // data format. Where these symbols differ from the parser's they err on the
 // strict side: a word containing a directive's or a count's name is that
 // directive or count, a word containing BEGIN_DATA_FORMAT starts the data
-// format, a data section starts only at the exact word BEGIN_DATA and ends,
-// starting the next table, at any word containing END_DATA. Such a file may
-// be refused though the parser would have read it safely, never the other
-// way round.
-void RefuseParserHazards(const std::string& file, const std::string& text) {
+// format, a data section starts only at the exact word BEGIN_DATA and ends at
+// any word containing END_DATA. Such a file may be refused (or cut short
+// where the parser would have read on) though the parser would have read it
+// safely, never the other way round. Returns the length of text to parse.
+std::size_t FirstTableForTheParser(const std::string& file, const std::string& text) {
     const std::vector<ParserSymbol> symbols = ParserSymbols(text);
     const double maxValues = static_cast<double>(text.size() / 2 + 1);
     bool inData = false;
@@ -417,14 +423,17 @@ void RefuseParserHazards(const std::string& file, const std::string& text) {
             Refuse(s.line, "a measurement file must hold all its data; it cannot include another file (" +
                                s.text + ")");
         if (inData) {
-            if (ContainsNoCase(s.text, "END_DATA")) inData = false, formatLine = 0, fields = sets = 0;
+            if (ContainsNoCase(s.text, "END_DATA")) {
+                const std::size_t eol = text.find('\n', s.end);
+                return eol == std::string::npos ? text.size() : eol + 1;
+            }
             continue;
         }
         const bool isFields = ContainsNoCase(s.text, "NUMBER_OF_FIELDS");
         if (isFields || ContainsNoCase(s.text, "NUMBER_OF_SETS")) {
             const char* name = isFields ? "NUMBER_OF_FIELDS" : "NUMBER_OF_SETS";
             if (isFields && formatLine != 0)
-                Refuse(s.line, std::string(name) + " follows the data format of its table (line " +
+                Refuse(s.line, std::string(name) + " follows the data format (line " +
                                    std::to_string(formatLine) + "); give it once, before BEGIN_DATA_FORMAT");
             if (k + 1 == symbols.size() || symbols[k + 1].line != s.line)
                 Refuse(s.line, std::string(name) + " has no value");
@@ -453,6 +462,7 @@ void RefuseParserHazards(const std::string& file, const std::string& text) {
             inData = true;
         }
     }
+    return text.size();
 }
 
 // Strict decimal number (optional sign, digits, point, exponent), finite.
@@ -608,7 +618,7 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
     const std::string& file = data_.file;
     PreparedText prepared = Prepare(file, DecodedText(file, contents));
 
-    RefuseParserHazards(file, prepared.text);
+    prepared.text.resize(FirstTableForTheParser(file, prepared.text));
     // Ragged rows next: the parser reads the data as one stream of values,
     // so a short row would otherwise shift every later value into the wrong field.
     const std::size_t formatCount = prepared.formatFields.size();

@@ -487,7 +487,7 @@ TEST(MeasurementFile, FieldCountAfterTheDataFormatIsRefusedBeforeTheParserReadsI
     const Case refused[] = {
         {"fuzzer", "NUMBER_OF_FIELDS\t3\nBEGIN_DATA_FORMAT\nA\tS0\t\x95\nEND_DATA_FORMAT\nNUMBER_OF_SETS\t1\n\n"
                    "NUMBER_OF_FIELDS\t6\nBEGIN_DATA",
-         "line 7: NUMBER_OF_FIELDS follows the data format of its table (line 2); give it once, before "
+         "line 7: NUMBER_OF_FIELDS follows the data format (line 2); give it once, before "
          "BEGIN_DATA_FORMAT"},
         {"lower case", "CGATS.17\n" + format + "number_of_fields 6\n" + data, "line 6: NUMBER_OF_FIELDS follows"},
         // The parser reads two pairs from this line: ORIGINATOR "x" and NUMBER_OF_FIELDS 6.
@@ -497,7 +497,7 @@ TEST(MeasurementFile, FieldCountAfterTheDataFormatIsRefusedBeforeTheParserReadsI
         {"string ended by CR", "CGATS.17\n" + format + "ORIGINATOR \"x\rNUMBER_OF_FIELDS 6\n" + data,
          "line 6: NUMBER_OF_FIELDS follows"},
         {"second format", "CGATS.17\n" + format + "NUMBER_OF_FIELDS 6\n" + format + data,
-         "line 6: NUMBER_OF_FIELDS follows the data format of its table (line 3)"},
+         "line 6: NUMBER_OF_FIELDS follows the data format (line 3)"},
     };
     for (const Case& c : refused) {
         const std::string what = MeasurementError([&] { ZKCMeasurementFile::FromText("m", c.text); }, "m");
@@ -583,5 +583,26 @@ TEST(MeasurementFile, IncludeDirectivesAreRefusedWhereverTheParserWouldFollowThe
     for (const std::string& header : {"ORIGINATOR \".INCLUDE " + included + "\"\n", std::string("# $INCLUDE x\n")}) {
         const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("m", Chart(header, "1 0.5"));
         EXPECT_EQ(f.Data().spectra, std::vector<float>{0.5f}) << header;
+    }
+}
+
+TEST(MeasurementFile, OnlyTheFirstTableReachesTheParser) {
+    auto Table = [](const std::string& value) {
+        return "NUMBER_OF_FIELDS 2\nBEGIN_DATA_FORMAT\nSAMPLE_ID SPECTRAL_NM400\nEND_DATA_FORMAT\nNUMBER_OF_SETS 1\n"
+               "BEGIN_DATA\n1 " + value + "\nEND_DATA\n";
+    };
+    // 300 tables made the parser write past its table array.
+    std::string many = "CGATS.17\n";
+    for (int k = 0; k < 300; ++k) many += Table(k == 0 ? "0.5" : "0.25");
+    // What would be refused in the first table does not matter after it.
+    const std::string later[] = {
+        many,
+        "CGATS.17\n" + Table("0.5") + "NUMBER_OF_FIELDS 2\nBEGIN_DATA_FORMAT\nA B\nEND_DATA_FORMAT\nNUMBER_OF_FIELDS 9\n",
+        "CGATS.17\n" + Table("0.5") + ".INCLUDE \"/dev/stdin\"\n",
+        "CGATS.17\n" + Table("0.5") + "not CGATS at all: \x01\x02 {}\n",
+    };
+    for (const std::string& text : later) {
+        const ZKCMeasurementFile f = ZKCMeasurementFile::FromText("m", text);
+        EXPECT_EQ(f.Data().spectra, std::vector<float>{0.5f}) << text.substr(0, 200);
     }
 }
