@@ -93,12 +93,20 @@ std::string Check(unsigned long N, unsigned long G, const T* grid, const T* ramp
         for (unsigned long i = 0; i < N; ++i)
             for (std::size_t k = 0; k < corners; ++k)
                 if (k & (std::size_t{1} << i)) v[k] += v[k ^ (std::size_t{1} << i)];
-        for (std::size_t k = 0; k < corners; ++k)
+        for (std::size_t k = 0; k < corners; ++k) {
             if (!(v[k] > 0.0)) {
                 s << "cell " << b / 31 << " predicts " << v[k] << " at corner " << k << " for " << 400 + 10 * (b % 31)
                   << " nm; every corner sum must be positive, or the power n gives NaN";
                 return s.str();
             }
+            const double reflectance = std::pow(v[k], static_cast<double>(n));
+            if (!(reflectance <= kMaxPredictedReflectance)) {
+                s << "cell " << b / 31 << " predicts a reflectance factor of " << reflectance << " at corner " << k
+                  << " for " << 400 + 10 * (b % 31) << " nm (corner sum " << v[k] << " to the power n); above "
+                  << kMaxPredictedReflectance << " the spectra and colours overflow, and no print reflects that much";
+                return s.str();
+            }
+        }
     }
     return "";
 }

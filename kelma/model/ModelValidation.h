@@ -16,7 +16,12 @@
 //     wavelength. With every weight in [0, 1] the sum is a convex combination
 //     of the corner values, so it is then positive everywhere and its power n
 //     is never NaN. Corner values are summed in double from the stored
-//     coefficients (sum over the corner's subsets).
+//     coefficients (sum over the corner's subsets);
+//   - every corner's predicted reflectance factor (corner value to the power
+//     n, in double) at most kMaxPredictedReflectance: the power is increasing,
+//     so no prediction exceeds it, and spectra, XYZ and CIELAB stay finite.
+//     The coefficients are differences of corner values, so this also bounds
+//     them (by 2^N times the largest corner value).
 // Cost: one pass over the coefficients times N (about 0.5 s for 7 inks on 5
 // levels, 65 M coefficients).
 #pragma once
@@ -27,6 +32,10 @@
 #include "kelma/common/Config.h"
 
 namespace KELMA_NAMESPACE {
+
+// Far above any print (paper and fluorescent whites stay below 2) and far
+// below what overflows single precision in a spectrum or its XYZ.
+constexpr double kMaxPredictedReflectance = 1000.0;
 
 // Arrays in the layouts of ZKCSSE_KELMA_Data: grid N x G, ramps N x 256,
 // scheme schemeCount values. Returns "" for a good model, otherwise one

@@ -3,6 +3,7 @@
 // predict NaN and models that cannot.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -97,4 +98,35 @@ TEST(CheckModelArrays, NegativeCornerSumsAreExactlyTheModelsThatPredictNaN) {
         ZKCSSE_KELMA_Thread driver(good.Build(), 100000, samples.data(), spectra.data());
     }
     for (std::size_t k = 0; k < spectra.size(); ++k) ASSERT_FALSE(std::isnan(spectra[k])) << k;
+}
+
+TEST(CheckModelArrays, ReflectanceAboveTheBoundIsRefusedBeforeItOverflows) {
+    const kelma_test::ZKSTestModel good = kelma_test::MakeTestModel(4, 3, 2.0, 9);
+    const std::size_t block = (5 * 31 + 12) * 16;  // cell 5, 520 nm
+    // The model-file fuzzer's finding: one coefficient of 7.8e36, finite in
+    // float, whose square is not.
+    kelma_test::ZKSTestModel huge = good;
+    huge.scheme[block + 3] = 7.8e36;  // the term of inks 1 and 2
+    const std::string why = Check(huge);
+    EXPECT_TRUE(Contains(why, "cell 5 predicts a reflectance factor of")) << why;
+    EXPECT_TRUE(Contains(why, "520 nm")) << why;
+    // Unchecked, the sample near that cell's far corner of inks 1 and 2 predicts infinity.
+    std::vector<unsigned char> sample{255, static_cast<unsigned char>(good.grid[4] - 1),
+                                      static_cast<unsigned char>(good.grid[7]), 0};
+    AlignedBuffer<float> out(32);
+    {
+        ZKCSSE_KELMA_Thread driver(huge.Build(), 1, sample.data(), out.data());
+    }
+    EXPECT_TRUE(std::isinf(out[12])) << out[12];
+
+    // The line itself: a block whose every corner is v predicts v^n everywhere.
+    auto Flat = [&](double v) {
+        kelma_test::ZKSTestModel m = good;
+        std::fill(m.scheme.begin() + block, m.scheme.begin() + block + 16, 0.0);
+        m.scheme[block] = v;
+        return Check(m);
+    };
+    const double edge = std::sqrt(kMaxPredictedReflectance);
+    EXPECT_EQ(Flat(edge * (1 - 1e-9)), "");
+    EXPECT_TRUE(Contains(Flat(edge * (1 + 1e-9)), "above 1000 the spectra and colours overflow"));
 }
