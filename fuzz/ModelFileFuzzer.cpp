@@ -2,8 +2,9 @@
 // whether the rest is taken as it is or signed first (the checksum and end
 // lines a writer would add appended, so that edits inside a file reach the
 // parser instead of stopping at the checksum). The reader must either throw
-// ZKCModelFileError or return a file whose model builds, predicts finite
-// colorimetry, and whose text reads back to the same model bit for bit.
+// ZKCModelFileError or return a file whose model builds and predicts finite
+// spectra (and finite colours under named and spd illuminants), and whose
+// text reads back to the same model bit for bit.
 // Anything else (a crash, a sanitizer report, another exception, a broken
 // promise) is a finding.
 #include <cmath>
@@ -16,6 +17,7 @@
 
 #include "kelma/modelfile/ZKSModelFile.h"
 #include "kelma/prediction/PredictColorimetry.h"
+#include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 #include "kelma/threading/Threading.h"
 #include "tests/support/Fnv1a64.h"
 
@@ -57,12 +59,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const ZKSModelFile file = ZKSModelFile::Parse(text, "fuzz.kelma");
         const ZKCSSE_KELMA_Data model = file.Model();
         const unsigned int inks = file.numberOfInks;
-        const std::vector<unsigned char> samples = Samples(inks);
-        const std::size_t count = samples.size() / inks;
+        std::vector<unsigned char> samples = Samples(inks);
+        const unsigned int count = static_cast<unsigned int>(samples.size() / inks);
+        AlignedBuffer<float> spectra(std::size_t{count} * kSpectrumStride);
+        {
+            ZKCSSE_KELMA_Thread driver(model, count, samples.data(), spectra.data());
+        }
+        for (std::size_t k = 0; k < spectra.size(); ++k)
+            Require(std::isfinite(spectra[k]), "a readable model predicts finite spectra");
+        // Colours are finite where the lighting matrix comes from the library's
+        // observers (named and spd illuminants); weights of unknown origin are
+        // taken as they are.
+        bool libraryMatrix = true;
+        for (const ZKSModelIlluminant& il : file.illuminants) libraryMatrix = libraryMatrix && il.name != "weights";
         for (unsigned int illuminant = 0; illuminant < file.illuminants.size(); ++illuminant) {
             std::vector<double> xyz(3 * count), lab(3 * count);
             PredictColorimetry(model, count, samples.data(), illuminant, false, xyz.data(), lab.data());
-            for (std::size_t k = 0; k < xyz.size(); ++k)
+            for (std::size_t k = 0; k < xyz.size() && libraryMatrix; ++k)
                 Require(std::isfinite(xyz[k]) && std::isfinite(lab[k]), "a readable model predicts finite colours");
         }
         const ZKSModelFile again = ZKSModelFile::Parse(file.Format(), "formatted");
