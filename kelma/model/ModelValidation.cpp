@@ -86,6 +86,9 @@ std::string Check(unsigned long N, unsigned long G, const T* grid, const T* ramp
     // coefficients, sum over the subsets of each corner.
     const std::size_t corners = std::size_t{1} << N;
     std::vector<double> v(corners);
+    // v^n <= bound exactly when v <= bound^(1/n) (the power increases): one
+    // power per model instead of one per corner.
+    const double maxCorner = std::pow(kMaxPredictedReflectance, 1.0 / static_cast<double>(n));
     const std::size_t blocks = schemeCount / corners;
     for (std::size_t b = 0; b < blocks; ++b) {
         const T* c = scheme + b * corners;
@@ -99,8 +102,8 @@ std::string Check(unsigned long N, unsigned long G, const T* grid, const T* ramp
                   << " nm; every corner sum must be positive, or the power n gives NaN";
                 return s.str();
             }
-            const double reflectance = std::pow(v[k], static_cast<double>(n));
-            if (!(reflectance <= kMaxPredictedReflectance)) {
+            if (!(v[k] <= maxCorner)) {
+                const double reflectance = std::pow(v[k], static_cast<double>(n));
                 s << "cell " << b / 31 << " predicts a reflectance factor of " << reflectance << " at corner " << k
                   << " for " << 400 + 10 * (b % 31) << " nm (corner sum " << v[k] << " to the power n); above "
                   << kMaxPredictedReflectance << " the spectra and colours overflow, and no print reflects that much";

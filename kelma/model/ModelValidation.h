@@ -18,10 +18,12 @@
 //     is never NaN. Corner values are summed in double from the stored
 //     coefficients (sum over the corner's subsets);
 //   - every corner's predicted reflectance factor (corner value to the power
-//     n, in double) at most kMaxPredictedReflectance: the power is increasing,
-//     so no prediction exceeds it, and spectra, XYZ and CIELAB stay finite.
-//     The coefficients are differences of corner values, so this also bounds
-//     them (by 2^N times the largest corner value).
+//     n) at most kMaxPredictedReflectance, tested in double as corner value
+//     <= kMaxPredictedReflectance^(1/n). The power is increasing, so no
+//     prediction exceeds it: spectra stay finite, and so do their XYZ and
+//     CIELAB under the library's illuminants. The coefficients are
+//     differences of corner values, so this also bounds them (by 2^N times
+//     the largest corner value).
 // Cost: one pass over the coefficients times N (about 0.5 s for 7 inks on 5
 // levels, 65 M coefficients).
 #pragma once
