@@ -32,6 +32,26 @@ struct LaneTree_AVX2<NV, L, I, I + 1> {
     }
 };
 
+// The 4 NV monomials of BuildMonomials_Scalar by doubling in registers: the
+// first 8 from one 4-lane product, each later block of 8 one 8-lane product
+// of w_k with an earlier block. Stored to `mono` (32-byte aligned) for the
+// broadcasts of the sums.
+template <int NV>
+KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline void BuildMonomials_AVX2(const float* w, float* mono) {
+    constexpr int Y = NV / 2;  // 8-float blocks: 2, 8 or 16
+    const __m128 m4 = _mm_setr_ps(1.0f, w[0], w[1], w[0] * w[1]);
+    const __m128 m8 = _mm_mul_ps(_mm_set1_ps(w[2]), m4);
+    __m256 y[Y];
+    y[0] = _mm256_insertf128_ps(_mm256_castps128_ps256(m4), m8, 1);
+    // Block b >= 1 of 8: its highest corner bit k = 3 + highest bit of b,
+    // and it is w_k times block b - 2^(k-3).
+    for (int k = 3, count = 1; count < Y; ++k, count *= 2) {
+        const __m256 wk = _mm256_set1_ps(w[k]);
+        for (int j = 0; j < count; ++j) y[count + j] = _mm256_mul_ps(wk, y[j]);
+    }
+    for (int b = 0; b < Y; ++b) _mm256_store_ps(mono + 8 * b, y[b]);
+}
+
 // Sums of the 8 wavelengths of one group (rows offset by 8 g floats).
 template <int NV>
 KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline __m256 GroupSums_AVX2(const float* rows, const float* mono) {
@@ -50,7 +70,7 @@ KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline void CellSums_AVX2(const ZKSSSE_Eff
     float w[N];
     const std::uint32_t q = LocateSample<N>(lut, sample, w);
     alignas(32) float mono[NV][4];
-    BuildMonomials_Scalar<NV>(w, mono);
+    BuildMonomials_AVX2<NV>(w, &mono[0][0]);
     const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
     for (int g = 0; g < 4; ++g) sums[g] = GroupSums_AVX2<NV>(rows + 8 * g, &mono[0][0]);
 }

@@ -51,6 +51,28 @@ struct LaneTree_AVX512<NV, L, I, I + 1> {
     }
 };
 
+// The 4 NV monomials of BuildMonomials_Scalar by doubling in registers: the
+// first 16 from one 4-lane and one 8-lane product, each later block of 16 one
+// 16-lane product of w_k with an earlier block. Stored to `mono` (64-byte
+// aligned) for the broadcasts of the sums.
+template <int NV>
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void BuildMonomials_AVX512(const float* w, float* mono) {
+    constexpr int Z = NV / 4;  // 16-float blocks: 1, 4 or 8
+    const __m128 m4 = _mm_setr_ps(1.0f, w[0], w[1], w[0] * w[1]);
+    const __m128 m8 = _mm_mul_ps(_mm_set1_ps(w[2]), m4);
+    const __m256 lo8 = _mm256_insertf128_ps(_mm256_castps128_ps256(m4), m8, 1);
+    const __m256 hi8 = _mm256_mul_ps(_mm256_set1_ps(w[3]), lo8);
+    __m512 z[Z];
+    z[0] = _mm512_insertf32x8(_mm512_castps256_ps512(lo8), hi8, 1);
+    // Block b >= 1 of 16: its highest corner bit k = 4 + highest bit of b,
+    // and it is w_k times block b - 2^(k-4).
+    for (int k = 4, count = 1; count < Z; ++k, count *= 2) {
+        const __m512 wk = _mm512_set1_ps(w[k]);
+        for (int j = 0; j < count; ++j) z[count + j] = _mm512_mul_ps(wk, z[j]);
+    }
+    for (int b = 0; b < Z; ++b) _mm512_store_ps(mono + 16 * b, z[b]);
+}
+
 // The 31 sums of one sample of N = log2(4 NV) inks: lo = wavelengths 0-15,
 // hi = 16-30 and 0.0 in lane 15. `laneRows` is 64-byte aligned.
 template <int NV>
@@ -60,7 +82,7 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const ZKSSSE
     float w[N];
     const std::uint32_t q = LocateSample<N>(lut, sample, w);
     alignas(64) float mono[NV][4];
-    BuildMonomials_Scalar<NV>(w, mono);
+    BuildMonomials_AVX512<NV>(w, &mono[0][0]);
     const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
     const float* monoLo = &mono[0][0];
     const float* monoHi = monoLo;

@@ -23,20 +23,23 @@ inline std::uint32_t LocateSample(const ZKSSSE_EffectiveRampEntry* lut, const un
     return q;
 }
 
-// Monomials of the local coordinates as NV vectors of 4 lanes (NV = 2^N / 4):
-//   V0 = (1, w0, w1, w0 w1);  V_i = w_(h+2) V_(i - 2^h), h = highest bit of i.
-// Element 4 i + lane is the product of w_k over the bits k of 4 i + lane,
-// i.e. the corner numbering of the coefficient block.
+// Monomials of the local coordinates as NV vectors of 4 lanes (NV = 2^N / 4),
+// built by doubling: the first four are (1, w0, w1, w0 w1), and for
+// k = 2 .. N-1 the block [2^k, 2^(k+1)) is w_k times the block [0, 2^k).
+// Element c is the product of w_k over the bits k of c (the corner numbering
+// of the coefficient block), each product rounded to float as it is formed:
+// element c = w_k * element (c - 2^k) for the highest bit k of c. The vector
+// builders (BuildMonomials_SSE/_AVX2/_AVX512) form each element by the same
+// product, so every variant sees the same monomials bit for bit.
 template <int NV>
 inline void BuildMonomials_Scalar(const float* w, float (*V)[4]) {
-    V[0][0] = 1.0f;
-    V[0][1] = w[0];
-    V[0][2] = w[1];
-    V[0][3] = w[0] * w[1];
-    for (int i = 1; i < NV; ++i) {
-        int h = 31 - __builtin_clz(static_cast<unsigned int>(i));
-        for (int l = 0; l < 4; ++l) V[i][l] = w[h + 2] * V[i - (1 << h)][l];
-    }
+    float* m = &V[0][0];
+    m[0] = 1.0f;
+    m[1] = w[0];
+    m[2] = w[1];
+    m[3] = w[0] * w[1];
+    for (int k = 2; (1 << k) < 4 * NV; ++k)
+        for (int j = 0; j < (1 << k); ++j) m[(1 << k) + j] = w[k] * m[j];
 }
 
 // Balanced pairwise tree over vectors [lo, hi) of R_i[l] V_i[l]:
