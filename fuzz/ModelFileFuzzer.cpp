@@ -67,16 +67,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         for (std::size_t k = 0; k < spectra.size(); ++k)
             Require(std::isfinite(spectra[k]), "a readable model predicts finite spectra");
-        // Colours are finite where the lighting matrix comes from the library's
-        // observers (named and spd illuminants); weights of unknown origin are
-        // taken as they are.
-        bool libraryMatrix = true;
-        for (const ZKSModelIlluminant& il : file.illuminants) libraryMatrix = libraryMatrix && il.name != "weights";
+        // Colours are finite under every illuminant a readable file gives
+        // (named, spd and weights), relative to the illuminant and to the paper.
         for (unsigned int illuminant = 0; illuminant < file.illuminants.size(); ++illuminant) {
-            std::vector<double> xyz(3 * count), lab(3 * count);
-            PredictColorimetry(model, count, samples.data(), illuminant, false, xyz.data(), lab.data());
-            for (std::size_t k = 0; k < xyz.size() && libraryMatrix; ++k)
-                Require(std::isfinite(xyz[k]) && std::isfinite(lab[k]), "a readable model predicts finite colours");
+            for (bool paperRelative : {false, true}) {
+                std::vector<double> xyz(3 * count), lab(3 * count);
+                PredictColorimetry(model, count, samples.data(), illuminant, paperRelative, xyz.data(), lab.data());
+                for (std::size_t k = 0; k < xyz.size(); ++k)
+                    Require(std::isfinite(xyz[k]) && std::isfinite(lab[k]), "a readable model predicts finite colours");
+            }
         }
         const ZKSModelFile again = ZKSModelFile::Parse(file.Format(), "formatted");
         Require(SameModelContent(again.Model(), model), "the formatted file reads back to the same model");

@@ -73,8 +73,11 @@ kelma::ZKCSSE_KELMA_Data BuildModel(const mxArray* const* in, const std::string&
     if (observer != 2 && observer != 10) Fail("kelma:argument", "observer must be 2 or 10");
     const kelma::ZKCObserver o(static_cast<kelma::OBSERVER_TYPE>(observer));
     const kelma::ZKCLighting_Matrix matrix(o, spd.get());
-    return kelma::ZKCSSE_KELMA_Data(static_cast<unsigned>(N), static_cast<unsigned>(G), grid, ramps, scheme, n[0],
-                                    matrix, kelma::INK_SET_SEVEN_INKS, false, false, kelma::kSpectralValues);
+    kelma::ZKCSSE_KELMA_Data model(static_cast<unsigned>(N), static_cast<unsigned>(G), grid, ramps, scheme, n[0],
+                                   matrix, kelma::INK_SET_SEVEN_INKS, false, false, kelma::kSpectralValues);
+    const std::string colorimetry = kelma::CheckModelLighting(model);
+    if (!colorimetry.empty()) Fail("kelma:model", "not a usable model under " + illuminant + ": " + colorimetry);
+    return model;
 }
 
 const unsigned char* Inks(const mxArray* a, std::size_t N, std::size_t* count) {

@@ -1,6 +1,7 @@
 #include "kelma/model/ModelValidation.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <sstream>
 #include <vector>
 
@@ -119,6 +120,53 @@ std::string Check(unsigned long N, unsigned long G, const T* grid, const T* ramp
 std::string CheckModelArrays(unsigned long inks, unsigned long gridPoints, const float* grid, const float* ramps,
                              const float* scheme, std::size_t schemeCount, float n) {
     return Check<float>(inks, gridPoints, grid, ramps, scheme, schemeCount, n);
+}
+
+std::string CheckLighting(const ZKCLighting_Matrix& lighting, const float* paper) {
+    static const char* const kComponent[3] = {"X", "Y", "Z"};
+    std::ostringstream s;
+    for (unsigned int j = 0; j < lighting.IlluminantNumber(); ++j) {
+        for (unsigned int c = 0; c < 3; ++c) {
+            const float* row = lighting.Weights() + std::size_t{j} * kLightingBlock + std::size_t{c} * kSpectrumStride;
+            double white = 0.0, magnitude = 0.0;
+            for (unsigned int i = 0; i < 31; ++i) {
+                if (!std::isfinite(row[i])) {
+                    s << "illuminant " << j + 1 << ": " << kComponent[c] << " weight " << i << " (" << 400 + 10 * i
+                      << " nm) is not finite (" << row[i] << ")";
+                    return s.str();
+                }
+                white += static_cast<double>(row[i]);
+                magnitude += std::abs(static_cast<double>(row[i]));
+            }
+            if (!(white > 0.0) || white > kMaxLightingWhite) {
+                s << "illuminant " << j + 1 << ": its white's " << kComponent[c] << " (the sum of the "
+                  << kComponent[c] << " weights) is " << white << "; CIELAB needs a white above 0 and at most "
+                  << kMaxLightingWhite;
+                return s.str();
+            }
+            if (magnitude > kMaxWeightCancellation * white) {
+                s << "illuminant " << j + 1 << ": the " << kComponent[c] << " weights nearly cancel (their magnitudes sum to "
+                  << magnitude << " against a white of " << white << ", more than " << kMaxWeightCancellation
+                  << " times it), so colours would fall far outside the white's scale";
+                return s.str();
+            }
+            const double p = static_cast<double>(paper[3 * std::size_t{j} + c]);
+            if (!(p >= kMinPaperWhiteFraction * white)) {
+                s << "illuminant " << j + 1 << ": the paper's " << kComponent[c] << " is " << p << ", below "
+                  << kMinPaperWhiteFraction << " of the white's (" << white
+                  << "); no paper reflects that little, and colours relative to it would overflow";
+                return s.str();
+            }
+        }
+    }
+    return "";
+}
+
+std::string CheckModelLighting(const ZKCSSE_KELMA_Data& model) {
+    const std::vector<float>& paper = model.MediaWhitePoint().Values();
+    if (paper.size() < 3 * std::size_t{model.Lighting_Matrix().IlluminantNumber()})
+        return "the model holds no paper XYZ for its illuminants (it was built for another number of spectral values)";
+    return CheckLighting(model.Lighting_Matrix(), paper.data());
 }
 
 std::string CheckModelArrays(unsigned long inks, unsigned long gridPoints, const double* grid, const double* ramps,

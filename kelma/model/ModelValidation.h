@@ -32,6 +32,7 @@
 #include <string>
 
 #include "kelma/common/Config.h"
+#include "kelma/model/ZKCSSE_KELMA_Data.h"
 
 namespace KELMA_NAMESPACE {
 
@@ -47,5 +48,34 @@ KELMA_API std::string CheckModelArrays(unsigned long inks, unsigned long gridPoi
 KELMA_API std::string CheckModelArrays(unsigned long inks, unsigned long gridPoints, const double* grid,
                                        const double* ramps, const double* scheme, std::size_t schemeCount,
                                        double n);
+
+// Lighting: in each X, Y or Z row of weights, the sum of their magnitudes at
+// most this many times the row's white (weights that nearly cancel give a
+// spectrum an XYZ far outside the white's scale; real tables, negative
+// lobes included, stay within a few percent of 1).
+constexpr double kMaxWeightCancellation = 10.0;
+// Lighting: a white's X, Y and Z at most this (the library's own whites have
+// Y = 1; tables normalised to 100 are common).
+constexpr double kMaxLightingWhite = 1e30;
+// The paper's X, Y and Z under each illuminant at least this fraction of the
+// white's: paper-relative colours scale by white / paper. No paper reflects
+// less than 0.1 % (black papers reflect a few percent).
+constexpr double kMinPaperWhiteFraction = 1e-3;
+
+// The colorimetry of a model: its lighting matrix and the paper's XYZ
+// (paperXYZ: 3 values per illuminant, as ZKCWhitePoint holds them). For each
+// illuminant, every weight finite, and for each of X, Y, Z the white (the
+// row's sum, in double) positive and at most kMaxLightingWhite, the row's sum
+// of magnitudes at most kMaxWeightCancellation times the white, and the paper
+// at least kMinPaperWhiteFraction of the white. Together with
+// CheckModelArrays (every spectrum at most kMaxPredictedReflectance) this
+// keeps XYZ and CIELAB finite both relative to the illuminant and to the
+// paper: XYZ at most 1e4 x white, paper-relative XYZ at most 1e7 x white,
+// far inside float. Named and spd illuminants meet the weight rules by
+// construction. Returns "" or one sentence naming the illuminant (1-based)
+// and the component.
+KELMA_API std::string CheckLighting(const ZKCLighting_Matrix& lighting, const float* paperXYZ);
+// CheckLighting of a built model, with the paper XYZ it computed.
+KELMA_API std::string CheckModelLighting(const ZKCSSE_KELMA_Data& model);
 
 }  // namespace KELMA_NAMESPACE

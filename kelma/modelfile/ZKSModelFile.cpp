@@ -16,6 +16,7 @@
 #include "kelma/colorimetry/StandardIlluminants.h"
 #include "kelma/colorimetry/ZKCIlluminant.h"
 #include "kelma/colorimetry/ZKCObserver.h"
+#include "kelma/common/AlignedBuffer.h"
 #include "kelma/common/AtomicFile.h"
 #include "kelma/common/Version.h"
 #include "kelma/model/ModelValidation.h"
@@ -658,6 +659,20 @@ void ZKSModelFile::Check() const {
         if (!std::isnan(e) && (!std::isfinite(e) || e < 0.0))
             Invalid("fit_error_de2000: CIEDE2000 values are finite and >= 0, got " + std::to_string(e));
     }
+
+    // The colorimetry the model will have: the blank paper (every ink at 0)
+    // is cell 0 at local coordinates 0, its spectrum corner 0 of cell 0 to
+    // the power n.
+    const ZKCLighting_Matrix lighting = LightingMatrix();
+    const std::size_t corners = std::size_t{1} << N;
+    AlignedBuffer<float> paper(kSpectrumStride);
+    for (std::size_t w = 0; w < kBands; ++w)
+        paper[w] = std::pow(static_cast<float>(matrixScheme[w * corners]), static_cast<float>(n));
+    paper[kBands] = 0.0f;
+    std::vector<float> paperXYZ(3 * std::size_t{lighting.IlluminantNumber()});
+    lighting.CalculateCIEXYZ(paperXYZ.data(), paper.data(), 1, nullptr);
+    const std::string colorimetry = CheckLighting(lighting, paperXYZ.data());
+    if (!colorimetry.empty()) Invalid("illuminants: " + colorimetry);
 }
 
 // ---------------------------------------------------------------------------

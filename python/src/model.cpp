@@ -39,11 +39,17 @@ std::shared_ptr<ZKCSSE_KELMA_Data> Build(const py::object& ramps, const CArray<d
                                           static_cast<std::size_t>(scheme.size()), nT);
     }
     if (!problem.empty()) ThrowValue("not a usable model: " + problem);
-    py::gil_scoped_release release;
-    // The constructor predicts the blank paper on worker threads.
-    return std::make_shared<ZKCSSE_KELMA_Data>(N, G, gridT.data(), rampsT.data(), scheme.data(), nT, lm,
-                                               static_cast<kelma::INK_SET>(inkSet), mediaRelative, absolute,
-                                               kValues);
+    std::shared_ptr<ZKCSSE_KELMA_Data> model;
+    {
+        py::gil_scoped_release release;
+        // The constructor predicts the blank paper on worker threads.
+        model = std::make_shared<ZKCSSE_KELMA_Data>(N, G, gridT.data(), rampsT.data(), scheme.data(), nT, lm,
+                                                    static_cast<kelma::INK_SET>(inkSet), mediaRelative, absolute,
+                                                    kValues);
+        problem = kelma::CheckModelLighting(*model);
+    }
+    if (!problem.empty()) ThrowValue("not a usable model under these illuminants: " + problem);
+    return model;
 }
 
 std::shared_ptr<ZKCSSE_KELMA_Data> MakeModel(const py::object& grid, const py::object& ramps,

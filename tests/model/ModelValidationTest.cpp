@@ -6,12 +6,16 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "kelma/colorimetry/StandardIlluminants.h"
+#include "kelma/colorimetry/ZKCObserver.h"
 #include "kelma/model/ModelValidation.h"
 #include "kelma/modelbuilding/ZKCDefaultPressModel.h"
+#include "kelma/prediction/PredictColorimetry.h"
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 #include "tests/support/ModelGenerator.h"
 
@@ -129,4 +133,126 @@ TEST(CheckModelArrays, ReflectanceAboveTheBoundIsRefusedBeforeItOverflows) {
     const double edge = std::sqrt(kMaxPredictedReflectance);
     EXPECT_EQ(Flat(edge * (1 - 1e-9)), "");
     EXPECT_TRUE(Contains(Flat(edge * (1 + 1e-9)), "above 1000 the spectra and colours overflow"));
+}
+
+namespace {
+
+ZKCLighting_Matrix StandardMatrix(const std::string& name, OBSERVER_TYPE observer = OBSERVER_CIE1931_2) {
+    const std::unique_ptr<ZKCIlluminant_Base> source = MakeStandardIlluminant(name);
+    return ZKCLighting_Matrix(ZKCObserver(observer), source.get());
+}
+
+// A 4-ink model on 2 grid points whose paper reflects `paper` at every
+// wavelength and whose corners with ink 1 reflect `full` (float sums of the
+// corner roots; n = 2).
+kelma_test::ZKSTestModel FlatModel(double paper, double full) {
+    kelma_test::ZKSTestModel m = kelma_test::MakeTestModel(4, 2, 2.0, 11);
+    std::fill(m.scheme.begin(), m.scheme.end(), 0.0);
+    for (std::size_t w = 0; w < 31; ++w) {
+        m.scheme[w * 16] = std::sqrt(paper);
+        m.scheme[w * 16 + 1] = std::sqrt(full) - std::sqrt(paper);
+    }
+    return m;
+}
+
+// Every corner of the 4-ink cube and a few points inside it.
+std::vector<unsigned char> CornerSamples() {
+    std::vector<unsigned char> s;
+    for (unsigned k = 0; k < 16; ++k)
+        for (unsigned i = 0; i < 4; ++i) s.push_back((k >> i) & 1 ? 255 : 0);
+    for (unsigned char v : {1, 77, 128, 254}) s.insert(s.end(), {v, 0, v, 255});
+    return s;
+}
+
+// Whether every XYZ and CIELAB value of the samples is finite under each
+// illuminant, relative to the illuminant and to the paper.
+bool FiniteColours(const ZKCSSE_KELMA_Data& model) {
+    const std::vector<unsigned char> samples = CornerSamples();
+    const std::size_t count = samples.size() / 4;
+    for (unsigned j = 0; j < model.Lighting_Matrix().IlluminantNumber(); ++j)
+        for (bool paperRelative : {false, true}) {
+            std::vector<double> xyz(3 * count), lab(3 * count);
+            PredictColorimetry(model, count, samples.data(), j, paperRelative, xyz.data(), lab.data());
+            for (std::size_t k = 0; k < xyz.size(); ++k)
+                if (!std::isfinite(xyz[k]) || !std::isfinite(lab[k])) return false;
+        }
+    return true;
+}
+
+}  // namespace
+
+TEST(CheckModelLighting, StandardIlluminantsAndRealPapersPass) {
+    const kelma_test::ZKSTestModel m = kelma_test::MakeTestModel(4, 3, 2.0, 5);
+    for (const char* name : {"A", "D50", "D65", "E", "F1", "F2", "F11"})
+        for (OBSERVER_TYPE o : {OBSERVER_CIE1931_2, OBSERVER_CIE1964_10})
+            EXPECT_EQ(CheckModelLighting(m.Build(StandardMatrix(name, o), false)), "") << name;
+    // A black paper (3 %) is a paper.
+    EXPECT_EQ(CheckModelLighting(FlatModel(0.03, 0.9).Build()), "");
+}
+
+TEST(CheckModelLighting, EachKindOfBadLightingIsNamed) {
+    const ZKCLighting_Matrix d50 = StandardMatrix("D50");
+    const kelma_test::ZKSTestModel model = kelma_test::MakeTestModel(4, 3, 2.0, 5);
+    auto withWeights = [&](auto change) {
+        std::vector<float> w(d50.Weights(), d50.Weights() + kLightingBlock);
+        change(w.data());
+        return CheckModelLighting(model.Build(ZKCLighting_Matrix(w.data(), 1), false));
+    };
+    const float inf = std::numeric_limits<float>::infinity();
+    std::string why = withWeights([&](float* w) { w[3] = inf; });
+    EXPECT_TRUE(Contains(why, "illuminant 1: X weight 3 (430 nm) is not finite")) << why;
+    why = withWeights([](float* w) { std::fill(w + 64, w + 95, 0.0f); });
+    EXPECT_TRUE(Contains(why, "its white's Z (the sum of the Z weights) is 0")) << why;
+    why = withWeights([](float* w) { for (int i = 0; i < 31; ++i) w[32 + i] = -w[32 + i]; });
+    EXPECT_TRUE(Contains(why, "white's Y")) << why;
+    why = withWeights([](float* w) { for (int i = 0; i < 96; ++i) w[i] *= 1e31f; });
+    EXPECT_TRUE(Contains(why, "at most 1e+30")) << why;
+    // +d and -d on neighbouring bands: the white is unchanged, the row's
+    // magnitudes sum to about 31 d.
+    why = withWeights([](float* w) { for (int i = 0; i < 30; ++i) w[i] += i % 2 ? -0.5f : 0.5f; });
+    EXPECT_TRUE(Contains(why, "the X weights nearly cancel")) << why;
+
+    why = CheckModelLighting(FlatModel(1e-4, 0.9).Build());
+    EXPECT_TRUE(Contains(why, "the paper's X is")) << why;
+    // The second illuminant of two.
+    ZKCLighting_Matrix two = d50;
+    std::vector<float> w(d50.Weights(), d50.Weights() + kLightingBlock);
+    std::fill(w.begin(), w.begin() + 31, 0.0f);
+    two += ZKCLighting_Matrix(w.data(), 1);
+    why = CheckModelLighting(model.Build(two, false));
+    EXPECT_TRUE(Contains(why, "illuminant 2: its white's X")) << why;
+}
+
+// The promise: a model both checks accept has finite colours, even with
+// every bound used up at once (spectra at the reflectance bound, a paper
+// just above its bound, weights cancelling almost as far as allowed and a
+// white near its bound); just past the paper's bound the colours overflow.
+TEST(CheckModelLighting, AcceptedModelsHaveFiniteColoursAtTheBounds) {
+    const ZKCLighting_Matrix d50 = StandardMatrix("D50");
+    std::vector<float> w(d50.Weights(), d50.Weights() + kLightingBlock);
+    for (int c = 0; c < 3; ++c) {
+        double white = 0.0;
+        for (int i = 0; i < 31; ++i) white += w[32 * c + i];
+        // 30 bands of +-d: magnitudes about white + 30 d, kept under 10 x white.
+        const float d = static_cast<float>(8.5 * white / 30.0);
+        for (int i = 0; i < 30; ++i) w[32 * c + i] += i % 2 ? -d : d;
+    }
+    for (float& v : w) v *= 9e29f;
+    const ZKCLighting_Matrix extreme(w.data(), 1);
+
+    const double full = 0.999 * kMaxPredictedReflectance;
+    const kelma_test::ZKSTestModel edge = FlatModel(1.01 * kMinPaperWhiteFraction, full);
+    ASSERT_EQ(Check(edge), "");
+    for (const ZKCLighting_Matrix& lighting : {d50, extreme}) {
+        const ZKCSSE_KELMA_Data model = edge.Build(lighting, false);
+        ASSERT_EQ(CheckModelLighting(model), "");
+        EXPECT_TRUE(FiniteColours(model));
+    }
+    // A paper of 1e-40 (a float denormal) makes the paper-relative factor
+    // infinite; the check refuses it.
+    const kelma_test::ZKSTestModel dark = FlatModel(1e-40, full);
+    ASSERT_EQ(Check(dark), "");
+    const ZKCSSE_KELMA_Data model = dark.Build(d50, false);
+    EXPECT_FALSE(FiniteColours(model));
+    EXPECT_TRUE(Contains(CheckModelLighting(model), "the paper's X"));
 }

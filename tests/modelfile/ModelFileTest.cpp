@@ -399,6 +399,21 @@ TEST(ModelFile, ContentThatNoFileMayHoldIsRefusedWhenWriting) {
         {"chart", [](ZKSModelFile& f) { f.provenance.chart = "two\nlines"; }},
         {"fit_error_de2000", [](ZKSModelFile& f) { f.provenance.fitErrorMax = std::nan(""); }},
         {"ramp_weights", [](ZKSModelFile& f) { f.rampWeights.assign(4 * 256, 0.5f); }},
+        // A paper of 1e-40 (every corner of cell 0 at 1e-20, squared):
+        // paper-relative colours would be infinite.
+        {"illuminants: illuminant 1: the paper's X", [](ZKSModelFile& f) {
+             for (std::size_t w = 0; w < 31; ++w)
+                 for (std::size_t k = 0; k < 16; ++k) f.matrixScheme[w * 16 + k] = k == 0 ? double{1e-20f} : 0.0;
+         }},
+        // A second illuminant whose white has no Z.
+        {"illuminants: illuminant 2: its white's Z", [](ZKSModelFile& f) {
+             const ZKCLighting_Matrix d50 = kelma_test::D50Matrix();
+             ZKSModelIlluminant il{"weights", {}, {}};
+             il.weights.assign(d50.Weights(), d50.Weights() + 31);                        // X
+             il.weights.insert(il.weights.end(), d50.Weights() + 32, d50.Weights() + 63);  // Y
+             il.weights.resize(93, 0.0f);                                                  // Z
+             f.illuminants.push_back(il);
+         }},
     };
     for (const Case& c : cases) {
         ZKSModelFile f = SmallFile();

@@ -136,6 +136,18 @@ function test_kelma_mex (fixture_dir, readme)
   broken = press;
   broken.scheme(1) = -1;
   expect_error (@() kelma_predict_xyz (broken, samples), "kelma:model", "negative corner");
+  % A paper that reflects 1e-30: paper-relative colours would overflow.
+  dark = struct ("grid", single (repmat ([0; 255], 1, 4)), "ramps", single (repmat ((0:255)' / 255, 1, 4)), ...
+                 "scheme", single (zeros (31 * 16, 1)), "n", single (2));
+  dark.scheme(1:16:end) = sqrt (1e-30);
+  dark.scheme(2:16:end) = 0.9;
+  try
+    kelma_predict_lab (dark, zeros (4, 2, "uint8"), "relative", "paper");
+    check (false, "dark paper: no error raised");
+  catch err
+    check (strcmp (err.identifier, "kelma:model") && ! isempty (strfind (err.message, "the paper's X is")), ...
+           sprintf ("dark paper: got '%s' (%s)", err.message, err.identifier));
+  end
   expect_error (@() kelma_evaluate (press, "/nonexistent/chart.txt"), "kelma:chart", "missing chart");
 
   % Every bad chart of the reader's table, and paths that are no chart file:

@@ -17,6 +17,22 @@ def make(args):
     return kelma.Model(args.pop("grid"), args.pop("ramps"), args.pop("scheme"), args.pop("n"), **args)
 
 
+def cancelling_weights():
+    """D50 weights whose Y row carries +-0.5 on neighbouring bands: the same
+    white, but magnitudes summing to about 16 times it."""
+    w = kelma.LightingMatrix("D50", 2).weights.copy()
+    w[0, 1, :30] += np.where(np.arange(30) % 2, -0.5, 0.5).astype(np.float32)
+    return kelma.LightingMatrix.from_weights(w)
+
+
+def flat_model_args(paper):
+    """4 inks on 2 levels: the paper reflects `paper` everywhere, ink 1 0.81."""
+    scheme = np.zeros((1, 31, 16), np.float32)
+    scheme[0, :, 0] = np.sqrt(paper)
+    scheme[0, :, 1] = 0.9 - np.sqrt(paper)
+    return dict(grid=np.array([[0.0, 255.0]] * 4), ramps=np.tile(np.linspace(0, 1, 256), (4, 1)), scheme=scheme, n=2.0)
+
+
 def edited_grid(ref, ink, point, value):
     g = ref.grid.copy()
     g[ink, point] = value
@@ -54,6 +70,10 @@ class TestModelArguments:
         (lambda r: dict(illuminants=np.ones(30)), ValueError, "31 relative spectral power"),
         (lambda r: dict(illuminants=-np.ones(31)), ValueError, "non-negative"),
         (lambda r: dict(illuminants=np.zeros(31)), ValueError, "no luminance"),
+        # Red light only: the CIE 1931 zbar is 0 from 660 nm, so the white has no Z.
+        (lambda r: dict(illuminants=np.r_[np.zeros(28), np.ones(3)]), ValueError,
+         r"illuminant 1: its white's Z \(the sum of the Z weights\) is 0"),
+        (lambda r: dict(illuminants=cancelling_weights()), ValueError, "the Y weights nearly cancel"),
         (lambda r: dict(illuminants=np.full(31, np.nan)), ValueError, "must be finite"),
         (lambda r: dict(illuminants=[]), ValueError, "illuminants is empty"),
         (lambda r: dict(illuminants=["D50", "nope"]), ValueError, "unknown illuminant"),
@@ -66,6 +86,14 @@ class TestModelArguments:
     def test_bad_model_arguments(self, ref4, change, error, match):
         with pytest.raises(error, match=match):
             make(model_args(ref4, **change(ref4)))
+
+    def test_a_paper_that_reflects_nothing_is_refused(self):
+        # 3 % is a black paper; 1e-30 would make paper-relative colours overflow
+        # (the model predicted inf and NaN for them before it was refused).
+        dark = make(flat_model_args(0.03))
+        assert np.isfinite(kelma.predict_lab(dark, np.zeros((2, 4), np.uint8), media_relative=True)).all()
+        with pytest.raises(ValueError, match=r"illuminant 1: the paper's X is [0-9.e+-]+, below 0.001 of the white's"):
+            make(flat_model_args(1e-30))
 
     def test_too_many_coefficients_is_refused_before_allocating(self):
         grid = np.tile(np.arange(256.0), (7, 1))
