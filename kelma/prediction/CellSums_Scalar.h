@@ -33,13 +33,16 @@ inline std::uint32_t LocateSample(const ZKSSSE_EffectiveRampEntry* lut, const un
 // product, so every variant sees the same monomials bit for bit.
 template <int NV>
 inline void BuildMonomials_Scalar(const float* w, float (*V)[4]) {
-    float* m = &V[0][0];
-    m[0] = 1.0f;
-    m[1] = w[0];
-    m[2] = w[1];
-    m[3] = w[0] * w[1];
+    V[0][0] = 1.0f;
+    V[0][1] = w[0];
+    V[0][2] = w[1];
+    V[0][3] = w[0] * w[1];
+    // Element c lives at V[c / 4][c % 4].
     for (int k = 2; (1 << k) < 4 * NV; ++k)
-        for (int j = 0; j < (1 << k); ++j) m[(1 << k) + j] = w[k] * m[j];
+        for (int j = 0; j < (1 << k); ++j) {
+            const int c = (1 << k) + j;
+            V[c >> 2][c & 3] = w[k] * V[j >> 2][j & 3];
+        }
 }
 
 // Balanced pairwise tree over vectors [lo, hi) of R_i[l] V_i[l]:
