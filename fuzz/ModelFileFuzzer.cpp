@@ -3,8 +3,8 @@
 // lines a writer would add appended, so that edits inside a file reach the
 // parser instead of stopping at the checksum). The reader must either throw
 // ZKCModelFileError or return a file whose model builds and predicts finite
-// spectra (and finite colours under named and spd illuminants), and whose
-// text reads back to the same model bit for bit.
+// spectra and finite colours (under each illuminant, relative to it and to
+// the paper), and whose text reads back to the same model bit for bit.
 // Anything else (a crash, a sanitizer report, another exception, a broken
 // promise) is a finding.
 #include <cmath>

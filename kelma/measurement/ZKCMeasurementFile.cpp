@@ -329,18 +329,25 @@ std::string WrittenCount(double v) {
     return text;
 }
 
-bool ContainsNoCase(const std::string& word, const char* upper) {
+// Case-insensitive matches of an upper-case ASCII key in a word.
+bool MatchesNoCaseAt(const std::string& word, std::size_t at, const char* upper) {
     const std::size_t n = std::strlen(upper);
-    for (std::size_t i = 0; i + n <= word.size(); ++i) {
-        std::size_t k = 0;
-        while (k < n && std::toupper(static_cast<unsigned char>(word[i + k])) == upper[k]) ++k;
-        if (k == n) return true;
-    }
-    return false;
+    if (at > word.size() || word.size() - at < n) return false;
+    for (std::size_t k = 0; k < n; ++k)
+        if (std::toupper(static_cast<unsigned char>(word[at + k])) != upper[k]) return false;
+    return true;
 }
 
+bool StartsWithNoCase(const std::string& word, const char* upper) { return MatchesNoCaseAt(word, 0, upper); }
+
 bool EqualsNoCase(const std::string& word, const char* upper) {
-    return word.size() == std::strlen(upper) && ContainsNoCase(word, upper);
+    return word.size() == std::strlen(upper) && MatchesNoCaseAt(word, 0, upper);
+}
+
+bool ContainsNoCase(const std::string& word, const char* upper) {
+    for (std::size_t i = 0; i < word.size(); ++i)
+        if (MatchesNoCaseAt(word, i, upper)) return true;
+    return false;
 }
 
 // Symbols of the text as Little CMS's IT8 parser splits it, as far as the
@@ -510,14 +517,6 @@ struct ContextDeleter {
 struct IT8Deleter {
     void operator()(void* h) const { cmsIT8Free(static_cast<cmsHANDLE>(h)); }
 };
-
-bool StartsWithNoCase(const std::string& s, const char* prefix) {
-    const std::size_t n = std::strlen(prefix);
-    if (s.size() < n) return false;
-    for (std::size_t i = 0; i < n; ++i)
-        if (std::toupper(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
-    return true;
-}
 
 // The wavelength of a spectral field name, in the forms instruments and
 // profiling tools write (prefixes in any case, zero padding allowed):
