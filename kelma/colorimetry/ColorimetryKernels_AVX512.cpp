@@ -3,8 +3,10 @@
 // eight colour-byte triples per step (LabBytes_AVX512.h).
 // GCC 12 warns about the intrinsics' own "undefined vector" idiom when they
 // are inlined (a false positive); nothing in this file reads uninitialised data.
+#if defined(__GNUC__) && !defined(__clang__)  // GCC only; clang has no such warning
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #include <algorithm>
 #include <cmath>

@@ -1,8 +1,10 @@
 // The AVX2 array form of the Yule-Nielsen power (YuleNielsenPower_AVX2.h).
 // GCC 12 warns about the intrinsics' own "undefined vector" idiom when they
 // are inlined (a false positive); nothing in this file reads uninitialised data.
+#if defined(__GNUC__) && !defined(__clang__)  // GCC only; clang has no such warning
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include "kelma/prediction/YuleNielsenPower_AVX2.h"
 
 #include "kelma/prediction/YuleNielsenPower.h"
