@@ -26,10 +26,20 @@ struct ZKSHalves_AVX512 {
 
 // Tree over vectors [Lo, Hi) for lane L of the monomials; `rows` points at
 // the sample's cell. Each leaf multiplies both halves of its row by the
-// monomial: 4 inks broadcast it once for both halves; more inks broadcast it
-// twice, from monoLo and from monoHi (the same values; two pointers keep the
-// compiler from merging the two broadcasts into one long-lived register per
-// monomial, which would spill).
+// monomial. How the monomial is broadcast is a matter of speed only (every
+// form gives the same products), measured per ink count on AVX-512:
+//   4 inks: once for both halves, the empty asm pinning it between the two
+//     products so it is not hoisted into a register held across the sample
+//     (15-20 % faster than two broadcasts);
+//   6 inks: twice, from monoLo and from monoHi (the same values; two pointers
+//     keep the compiler from merging the broadcasts into one long-lived
+//     register per monomial, which would spill);
+//   7 inks: once, with the products and every add of the tree pinned too.
+//     Unpinned, the compiler expands each single-use product and add where
+//     its value is used, which moves every upper-half product to the end of
+//     the sample and keeps all 128 broadcasts live (2.4x slower); pinned,
+//     each leaf and add stays where the tree puts it (8-10 % faster than two
+//     broadcasts).
 template <int NV, int L, int Lo, int Hi>
 struct LaneTree_AVX512 {
     KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSHalves_AVX512 Sum(const float* rows,
@@ -38,7 +48,10 @@ struct LaneTree_AVX512 {
         constexpr int Mid = (Lo + Hi) / 2;
         const ZKSHalves_AVX512 a = LaneTree_AVX512<NV, L, Lo, Mid>::Sum(rows, monoLo, monoHi);
         const ZKSHalves_AVX512 b = LaneTree_AVX512<NV, L, Mid, Hi>::Sum(rows, monoLo, monoHi);
-        return {_mm512_add_ps(a.lo, b.lo), _mm512_add_ps(a.hi, b.hi)};
+        __m512 lo = _mm512_add_ps(a.lo, b.lo);
+        __m512 hi = _mm512_add_ps(a.hi, b.hi);
+        if constexpr (NV == 32) __asm__("" : "+v"(lo), "+v"(hi));
+        return {lo, hi};
     }
 };
 template <int NV, int L, int I>
@@ -47,17 +60,16 @@ struct LaneTree_AVX512<NV, L, I, I + 1> {
                                                                                const float* monoLo,
                                                                                const float* monoHi) {
         const float* row = rows + LaneRowOfCorner(4 * I + L, 4 * NV) * kLaneRow;
-        if constexpr (NV == 4) {
-            // One broadcast for both halves; the empty asm pins it between
-            // the two products, so it is not hoisted into a register held
-            // across the whole sample (measured 15-20 % faster for 4 inks).
-            __m512 m = _mm512_set1_ps(monoLo[4 * I + L]);
-            const __m512 lo = _mm512_mul_ps(_mm512_load_ps(row), m);
-            __asm__("" : "+v"(m));
-            return {lo, _mm512_mul_ps(_mm512_load_ps(row + 16), m)};
-        } else {
+        if constexpr (NV == 16) {
             return {_mm512_mul_ps(_mm512_load_ps(row), _mm512_set1_ps(monoLo[4 * I + L])),
                     _mm512_mul_ps(_mm512_load_ps(row + 16), _mm512_set1_ps(monoHi[4 * I + L]))};
+        } else {
+            __m512 m = _mm512_set1_ps(monoLo[4 * I + L]);
+            __m512 lo = _mm512_mul_ps(_mm512_load_ps(row), m);
+            __asm__("" : "+v"(m));
+            __m512 hi = _mm512_mul_ps(_mm512_load_ps(row + 16), m);
+            if constexpr (NV == 32) __asm__("" : "+v"(lo), "+v"(hi));
+            return {lo, hi};
         }
     }
 };
@@ -97,10 +109,8 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const ZKSSSE
     const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
     const float* monoLo = &mono[0][0];
     const float* monoHi = monoLo;
-    // With more than 16 monomials, hide that monoHi == monoLo: a broadcast
-    // shared between the halves is held in a register and spills (measured
-    // 2.4x slower for 7 inks).
-    if (NV > 4) __asm__("" : "+r"(monoHi));
+    // 6 inks: hide that monoHi == monoLo (see LaneTree_AVX512).
+    if (NV == 16) __asm__("" : "+r"(monoHi));
     const ZKSHalves_AVX512 p0 = LaneTree_AVX512<NV, 0, 0, NV>::Sum(rows, monoLo, monoHi);
     const ZKSHalves_AVX512 p1 = LaneTree_AVX512<NV, 1, 0, NV>::Sum(rows, monoLo, monoHi);
     const ZKSHalves_AVX512 p2 = LaneTree_AVX512<NV, 2, 0, NV>::Sum(rows, monoLo, monoHi);
