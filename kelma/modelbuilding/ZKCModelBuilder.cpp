@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kelma/model/ModelValidation.h"
 #include "kelma/modelbuilding/ClassicFit.h"
 #include "kelma/modelbuilding/FineGridFit.h"
 #include "kelma/modelbuilding/ModelAssembly.h"
@@ -68,6 +69,14 @@ ZKSBuiltModel ZKCModelBuilder::Build(const ZKSModelBuildOptions& options) const 
     }
     ZKSBuiltModel built =
         options.fineBaseGridPercent.empty() ? BuildDirect(options, training) : BuildFineGrid(options, training);
+    // A model every reader accepts, or none: a chart can still lead to one
+    // that no reader would take (a node estimated from a paper that reflects
+    // almost nothing can predict a reflectance factor in the thousands).
+    const ZKSPrinterModelArrays& m = built.model;
+    const std::string problem =
+        CheckModelArrays(m.numberOfInks, m.numberOfGridPoints, m.gridPointsF.data(), m.effectiveRampsF.data(),
+                         m.matrixSchemeF.data(), m.matrixSchemeF.size(), static_cast<float>(m.n));
+    if (!problem.empty()) Fail("the fitted model is not a usable model: " + problem);
     Finish(built);
     return built;
 }

@@ -278,3 +278,19 @@ TEST(ModelBuildErrors, FineGridOptions) {
     EXPECT_GT(built.finePriorWeight, 0.0);
     EXPECT_LT(built.fitError.mean, 0.1);
 }
+
+// A node estimated by the overprint rule from a paper that reflects almost
+// nothing at one wavelength (R_ab = R_a R_b / R_paper) predicts a reflectance
+// factor no print has: the builder refuses the model it would return (a
+// fuzzing finding: such a model failed the model check every reader applies).
+TEST(ModelBuildErrors, AFittedModelThatFailsTheModelCheckIsRefused) {
+    Fixture f;
+    f.chart.spectra[f.Find({0, 0, 0, 0}) * 31 + 15] = 1e-30;
+    f.Remove(f.Find({100, 100, 0, 0}));
+    ZKSModelBuildOptions o = f.Options();
+    o.gridPercent = {0.0, 100.0};
+    o.estimateMissingNodes = true;
+    o.method = MODELFIT_CLASSIC;  // the refined fit happens to pull this node back
+    ExpectBuildError([&] { ZKCModelBuilder(f.chart).Build(o); },
+                     {"not a usable model", "reflectance factor", "above 1000"});
+}
