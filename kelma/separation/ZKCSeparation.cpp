@@ -283,6 +283,8 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const GridColo
     const Core& core = *core_;
     const unsigned int n = gridPoints, N = core.inks;
     fitted.assign(results.size(), false);
+    // Two nodes per axis have no inside to fit: every node keeps its solution.
+    values.assign(results.size() * N, 0.0);
     if (n < 3) return;
     const unsigned int F = kTableSubdivision;
     const unsigned int f = F * (n - 1) + 1;  // fine points per axis
@@ -363,7 +365,6 @@ void ZKCSeparation::FitBoundaryAndInside(unsigned int gridPoints, const GridColo
     };
     for (std::size_t p = 0; p < count; ++p)
         if (in[p]) addSample(&points[3 * p], &inks[7 * p]);
-    values.assign(results.size() * N, 0.0);
     for (std::size_t g = 0; g < results.size(); ++g) {
         std::copy(results[g].inks, results[g].inks + N, &values[g * N]);
         if (!results[g].inGamut) continue;

@@ -359,3 +359,15 @@ TEST(ICCOutputProfile, TablesDoNotDependOnTheThreadCount) {
     EXPECT_EQ(one.inks, three.inks);
     EXPECT_EQ(one.gamut, three.gamut);
 }
+
+// Two nodes per axis is the smallest table the options allow: the profile is
+// built and Little CMS takes the paper through it to the PCS white.
+TEST(ICCOutputProfile, TheSmallestTablesOfTwoNodesPerAxis) {
+    const ZKCSSE_KELMA_Data model = DefaultPressModel();
+    const kelma_test::Profile profile = kelma_test::OpenProfile(ICCOutputProfile(model, PressOptions(2, 4)));
+    ASSERT_TRUE(profile);
+    const unsigned char paper[4] = {0, 0, 0, 0};
+    const std::vector<double> lab = kelma_test::DeviceToLab(profile.get(), paper, 1, INTENT_RELATIVE_COLORIMETRIC);
+    ASSERT_EQ(lab.size(), 3u);
+    EXPECT_NEAR(lab[0], 100.0, 0.01);
+}
