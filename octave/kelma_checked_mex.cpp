@@ -135,6 +135,11 @@ void Evaluate(int nlhs, mxArray** out, int nrhs, const mxArray* const* in) {
     if (chart.numberOfInks != model.NumberOfInks())
         Fail("kelma:argument", path + " has " + std::to_string(chart.numberOfInks) + " device channels; the model has " +
                                    std::to_string(model.NumberOfInks()) + " inks");
+    try {
+        kelma::ChartDigitalLevels(chart);  // device values in percent, plausible spectra
+    } catch (const kelma::ZKCModelBuildingError& e) {
+        Fail("kelma:chart", path + ": " + e.what());
+    }
     const kelma::ZKSModelEvaluation e = kelma::EvaluateModel(model, chart);
     out[0] = mxCreateDoubleMatrix(5, 3, mxREAL);
     double* s = mxGetPr(out[0]);

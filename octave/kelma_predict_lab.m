@@ -1,4 +1,4 @@
-function lab = kelma_predict_lab (model, inks, varargin)
+function lab = kelma_predict_lab (varargin)
 % KELMA_PREDICT_LAB  CIELAB (double, exact CIE 15 constants) of ink
 % combinations predicted with a printer model.
 %
@@ -13,5 +13,5 @@ function lab = kelma_predict_lab (model, inks, varargin)
 % Options: illuminant A, D50 (default), D65, E, F1, F2, F11; observer 2
 % (default) or 10; relative "illuminant" (default: against the perfect
 % white) or "paper" (the paper is L* 100, a* = b* = 0).
-  lab = kelma_colorimetry_call ("lab", "kelma_predict_lab", nargin, model, inks, varargin{:});
+  lab = kelma_colorimetry_call ("lab", "kelma_predict_lab", varargin{:});
 end

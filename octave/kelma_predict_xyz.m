@@ -1,4 +1,4 @@
-function xyz = kelma_predict_xyz (model, inks, varargin)
+function xyz = kelma_predict_xyz (varargin)
 % KELMA_PREDICT_XYZ  CIE XYZ (double; the perfect reflector has Y = 1) of ink
 % combinations predicted with a printer model.
 %
@@ -7,5 +7,5 @@ function xyz = kelma_predict_xyz (model, inks, varargin)
 %
 % Arguments and options as kelma_predict_lab; xyz is double, 3 x count.
 % Relative to the paper, the paper has the XYZ of the perfect reflector.
-  xyz = kelma_colorimetry_call ("xyz", "kelma_predict_xyz", nargin, model, inks, varargin{:});
+  xyz = kelma_colorimetry_call ("xyz", "kelma_predict_xyz", varargin{:});
 end

@@ -5,6 +5,8 @@ import threading
 import time
 from pathlib import Path
 
+import numpy as np
+
 import kelma
 
 # The checkout this package sits in, if any (its data folder holds the real
@@ -80,16 +82,41 @@ def add_extrapolate_option(parser):
                              "them from their end intervals (refused otherwise)")
 
 
+def check_ink_amounts(values, digital, where):
+    """values (samples x inks); where(row, col) names the place of a bad one."""
+    if digital:
+        bad = ~np.isfinite(values) | (values < 0) | (values > 255) | (values != np.floor(values))
+        if bad.any():
+            r, c = np.argwhere(bad)[0]
+            raise UserError("%s holds %g; --digital takes whole levels 0-255" % (where(r, c), values[r, c]))
+        return
+    bad = ~np.isfinite(values) | (values < 0) | (values > 100)
+    if bad.any():
+        r, c = np.argwhere(bad)[0]
+        raise UserError("%s holds %g; ink amounts are percent 0-100 (give 0-255 levels with --digital)"
+                        % (where(r, c), values[r, c]))
+
+
+
 def read_chart(path, required="spectra", extrapolate=False):
     """A kelma.MeasurementFile of a path, or of standard input for '-'; the
     reader refuses what is not a chart (a directory, a device, implausible
-    spectra) with a message naming it."""
+    spectra) with a message naming it, and so are device values that are not
+    percentages, naming the file, the sample and the field."""
     if str(path) == "-":
-        return kelma.MeasurementFile.from_text(sys.stdin.buffer.read(), "<stdin>", required, extrapolate=extrapolate)
-    p = Path(path)
-    if not p.exists():
-        raise UserError("chart %s does not exist" % p)
-    return kelma.MeasurementFile(p, required=required, extrapolate=extrapolate)
+        name = "<stdin>"
+        chart = kelma.MeasurementFile.from_text(sys.stdin.buffer.read(), name, required, extrapolate=extrapolate)
+    else:
+        p = Path(path)
+        if not p.exists():
+            raise UserError("chart %s does not exist" % p)
+        name = str(p)
+        chart = kelma.MeasurementFile(p, required=required, extrapolate=extrapolate)
+    if "device" in ([required] if isinstance(required, str) else required):
+        ids, channels = chart.sample_ids, chart.channel_names
+        check_ink_amounts(chart.device_values, False,
+                          lambda r, c: "%s: sample %s, field %s" % (name, ids[r], channels[c]))
+    return chart
 
 
 def save_figure(fig, path, dpi=None):

@@ -139,7 +139,12 @@ def plot_tone_values(out, plt, model, chart, measured_xyz, white):
 
 def run(args):
     out = Path(args.out)
-    out.mkdir(parents=True, exist_ok=True)
+    if out.exists() and not out.is_dir():
+        raise UserError("--out %s is a file; the demo writes its pictures into a folder" % out)
+    try:
+        out.mkdir(parents=True, exist_ok=True)
+    except OSError as exc:
+        raise UserError("--out %s: cannot make the folder (%s)" % (out, exc.strerror or exc))
     chart_path = Path(args.chart) if args.chart else ROOT / "data" / "aptec_pc10" / CHART_NAME
     if not args.chart and not chart_path.is_file():
         raise UserError("the demo needs the APTEC PC10 chart (%s of a kelma checkout): pass --chart" % CHART_NAME)

@@ -7,6 +7,7 @@ import numpy as np
 import kelma
 
 from .common import UserError, add_extrapolate_option, parse_grid, read_chart
+from .tables import check_output_path
 
 
 def register(sub):
@@ -56,6 +57,7 @@ def prior_argument(text, fine_base):
 
 
 def run(args):
+    check_output_path(args.out, "--out", (args.chart,))
     chart = read_chart(args.chart, required=["spectra", "device"], extrapolate=args.extrapolate)
     fine_base = parse_grid(args.fine_base) if args.fine_base else None
     built = kelma.build_model(

@@ -36,8 +36,26 @@ def build_parser():
     return parser
 
 
+class _Stopped(BaseException):
+    """SIGTERM or SIGHUP: unwinds like Ctrl-C, so no temporary file is left."""
+
+    def __init__(self, signum):
+        super().__init__(signum)
+        self.signum = signum
+
+
+def _stop(signum, frame):
+    raise _Stopped(signum)
+
+
 def main(argv=None):
     args = build_parser().parse_args(argv)
+    # A write in progress finishes (the library writes a temporary file and
+    # renames it when complete), then the command ends: the output is the
+    # earlier file or the complete new one, never a temporary file.
+    for name in ("SIGTERM", "SIGHUP"):
+        if hasattr(signal, name):
+            signal.signal(getattr(signal, name), _stop)
     try:
         args.run(args)
     except BrokenPipeError:
@@ -59,6 +77,9 @@ def main(argv=None):
     except KeyboardInterrupt:
         sys.stderr.write("kelma: interrupted\n")
         return 130
+    except _Stopped as stop:
+        sys.stderr.write("kelma: stopped by %s\n" % signal.Signals(stop.signum).name)
+        return 128 + stop.signum
     except Exception as exc:  # a fault of kelma itself: still one line, never a traceback
         sys.stderr.write("kelma: error: internal error (%s: %s); please report it\n" % (type(exc).__name__, exc))
         return 1

@@ -50,7 +50,7 @@ def output_columns(text, fmt):
 def run(args):
     fmt = output_format(args.format, args.out)
     columns = output_columns(args.output, fmt)
-    check_output_path(args.out, "--out")
+    check_output_path(args.out, "--out", (args.inks, args.model))
     model = load_model(args.model, args.illuminant, args.observer)
     table = read_ink_table(args.inks, model.inks, args.digital, args.whitespace)
     if fmt == "cgats" and len(table.ids) > kelma.CGATS_MAX_PATCHES:

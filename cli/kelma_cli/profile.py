@@ -8,6 +8,7 @@ import kelma
 
 from .common import UserError, add_extrapolate_option, check_separation_limits, read_chart
 from .fit import grid_argument
+from .tables import check_output_path
 
 ILLUMINANTS = ("A", "D50", "D65", "E", "F1", "F2", "F11")
 
@@ -99,6 +100,15 @@ def from_model_file(args):
 def run(args):
     if (args.chart is None) == (args.model is None):
         raise UserError("give a chart to fit or --model with a model file (one of them)")
+    check_output_path(args.out, "--out", (args.chart, args.model, args.target))
+    for option in ("description", "copyright"):
+        text = getattr(args, option)
+        try:
+            if text is not None:
+                text.encode("utf-8")
+        except UnicodeEncodeError:
+            raise UserError("--%s is not valid UTF-8 text (the shell passed bytes of another encoding): give it "
+                            "in UTF-8" % option)
     model, ink_names, source, target = from_chart(args) if args.chart is not None else from_model_file(args)
     check_ranges(args, model.inks)
     if args.target is not None:

@@ -12,6 +12,7 @@ import numpy as np
 import kelma
 
 from .common import UserError, check_separation_limits, load_model
+from .tables import check_output_path
 
 # Output formats by file extension (Pillow's names).
 FORMATS = {".png": "PNG", ".tif": "TIFF", ".tiff": "TIFF"}
@@ -253,8 +254,7 @@ def run(args):
     if args.bpc and args.intent != "relative":
         args.parser.error("argument --bpc: applies to the relative colorimetric intent (absolute keeps the "
                           "print's black)")
-    if Path(args.out).is_dir():
-        raise UserError("cannot write %s: it is a directory" % args.out)
+    check_output_path(args.out, "output", (args.image, args.model))
     model = load_model(args.model)
     if model.inks != 4:
         raise UserError("proofing a CMYK image needs a 4-ink (CMYK) model, %s has %d inks"

@@ -23,7 +23,7 @@ def register(sub):
 
 def run(args):
     fmt = output_format(args.format, args.out)
-    check_output_path(args.out, "output")
+    check_output_path(args.out, "output", (args.chart,))
     chart = read_chart(args.chart, "spectra", extrapolate=args.extrapolate)
     spectra = chart.resample(args.method)
     channels = list(chart.channel_names)

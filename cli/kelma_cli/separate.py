@@ -11,6 +11,9 @@ from .common import UserError, add_colorimetry_options, check_separation_limits,
 from .tables import STDIO, check_output_path, emit
 
 
+FLOAT32_MAX = float(np.finfo(np.float32).max)
+
+
 def register(sub):
     p = sub.add_parser("separate", help="separate CIELAB colours (CSV: L*,a*,b* per line) into ink percent")
     p.add_argument("colours", help="CSV with one colour per line: L*, a*, b* (a header line is allowed), or - for standard input")
@@ -56,6 +59,10 @@ def read_colours(path):
             raise UserError("%s line %d: expected three values L*, a*, b*, got %d" % (p, number, len(values)))
         if not all(math.isfinite(v) for v in values):
             raise UserError("%s line %d: L*, a*, b* must be finite numbers, got %r" % (p, number, text))
+        big = [v for v in values if abs(v) > FLOAT32_MAX]
+        if big:
+            raise UserError("%s line %d: %g is outside the range of a 32-bit float, in which colours are separated"
+                            % (p, number, big[0]))
         rows.append(values)
     if not rows:
         raise UserError("%s holds no colour" % p)
@@ -63,7 +70,7 @@ def read_colours(path):
 
 
 def run(args):
-    check_output_path(args.out, "output")
+    check_output_path(args.out, "output", (args.colours, args.model))
     model = load_model(args.model, args.illuminant, args.observer)
     check_separation_limits(args, model.inks)
     lab = read_colours(args.colours)

@@ -13,16 +13,18 @@ import numpy as np
 
 import kelma
 
-from .common import UserError
+from .common import UserError, check_ink_amounts
 
 STDIO = "-"
 FORMATS = ("cgats", "csv")
 
 # CSV header names of the sample ID column (any case).
 ID_NAMES = ("SAMPLE_ID", "SAMPLE_NAME", "ID", "NAME", "SAMPLE")
-# Device channel names: CGATS families, or the bare letters C, M, Y, K.
+# Device channel names: CGATS families, the bare letters C, M, Y, K or the
+# colour names Cyan, Magenta, Yellow, Black (any case).
 _DEVICE = re.compile(r"^(CMYK|CMY|[2-9A-F]CLR)_(\w+)$", re.IGNORECASE)
 _CMYK = "CMYK"
+_COLOUR_NAMES = {"CYAN": "C", "MAGENTA": "M", "YELLOW": "Y", "BLACK": "K"}
 
 
 def standard_channel_names(inks):
@@ -116,49 +118,53 @@ def _rows(text, name, whitespace):
         raise UserError("%s line %d: %s" % (name, reader.line_num, exc))
 
 
+def _ink_of(header_name):
+    """The ink (0-based) a header name stands for: CMYK_C..CMYK_K, C..K, Cyan..Black (any case) or nCLR_k;
+    None for any other name."""
+    h = header_name.upper()
+    m = _DEVICE.match(h)
+    member = m.group(2) if m else _COLOUR_NAMES.get(h, h)
+    if member in tuple(_CMYK):
+        return _CMYK.index(member)
+    if m and member.isdigit() and int(member) >= 1:
+        return int(member) - 1
+    return None
+
+
 def _ink_columns(header, inks, name):
-    """Indices of the ID column (or None) and of the ink columns of a header row."""
+    """Indices of the ID column (or None) and of the ink columns of a header
+    row, in ink order. Columns named after inks are taken by name, and then
+    every ink must be named exactly once (other columns are ignored);
+    a header that names no ink gives one column per ink in order."""
     upper = [h.upper() for h in header]
     id_col = next((i for i, h in enumerate(upper) if h in ID_NAMES), None)
     others = [i for i in range(len(header)) if i != id_col]
-    device = [i for i in others if _DEVICE.match(header[i]) or upper[i] in tuple(_CMYK)]
-    if len(device) == inks:
-        columns = device
-    elif len(others) == inks:
-        columns = others
-    else:
-        raise UserError("%s: the header names %d value columns (%s); the model has %d inks: give one column per "
-                        "ink (e.g. %s), optionally a SAMPLE_ID column"
-                        % (name, len(others), ", ".join(header[i] for i in others), inks,
+    ink = {i: _ink_of(header[i]) for i in others}
+    named = [i for i in others if ink[i] is not None]
+    if not named or len(others) < inks:
+        if len(others) != inks:
+            raise UserError("%s: the header names %d value columns (%s); the model has %d inks: give one column "
+                            "per ink (e.g. %s), optionally a SAMPLE_ID column"
+                            % (name, len(others), ", ".join(header[i] for i in others), inks,
+                               ",".join(standard_channel_names(inks))))
+        return id_col, others
+    by_ink = {}
+    for i in named:
+        if ink[i] >= inks:
+            raise UserError("%s: the header names the ink %s, but the model has %d inks (%s)"
+                            % (name, header[i], inks, ",".join(standard_channel_names(inks))))
+        if ink[i] in by_ink:
+            raise UserError("%s: the header names one ink twice (%s and %s)" % (name, header[by_ink[ink[i]]], header[i]))
+        by_ink[ink[i]] = i
+    if len(by_ink) != inks:
+        missing = [standard_channel_names(inks)[k] for k in range(inks) if k not in by_ink]
+        unknown = [header[i] for i in others if ink[i] is None]
+        raise UserError("%s: the header names %d of the model's %d inks (%s) and lacks %s%s; name every ink "
+                        "column (e.g. %s) or none"
+                        % (name, len(by_ink), inks, ", ".join(header[i] for i in named), ", ".join(missing),
+                           "; %s is no ink name" % ", ".join(unknown) if unknown else "",
                            ",".join(standard_channel_names(inks))))
-
-    def order(i):
-        # CMYK_C..K and C, M, Y, K in ink order; nCLR_k by k; else as written.
-        h = upper[i]
-        m = _DEVICE.match(h)
-        member = m.group(2) if m else h
-        if member in tuple(_CMYK):
-            return _CMYK.index(member)
-        return int(member) if member.isdigit() else columns.index(i)
-
-    if all(_DEVICE.match(header[i]) or upper[i] in tuple(_CMYK) for i in columns):
-        columns = sorted(columns, key=order)
-    return id_col, columns
-
-
-def _check_amounts(values, digital, where):
-    """values (samples x inks); where(row, col) names the place of a bad one."""
-    if digital:
-        bad = ~np.isfinite(values) | (values < 0) | (values > 255) | (values != np.floor(values))
-        if bad.any():
-            r, c = np.argwhere(bad)[0]
-            raise UserError("%s holds %g; --digital takes whole levels 0-255" % (where(r, c), values[r, c]))
-        return
-    bad = ~np.isfinite(values) | (values < 0) | (values > 100)
-    if bad.any():
-        r, c = np.argwhere(bad)[0]
-        raise UserError("%s holds %g; ink amounts are percent 0-100 (give 0-255 levels with --digital)"
-                        % (where(r, c), values[r, c]))
+    return id_col, [by_ink[k] for k in range(inks)]
 
 
 def read_ink_table(path, inks, digital=False, whitespace=False):
@@ -176,7 +182,7 @@ def read_ink_table(path, inks, digital=False, whitespace=False):
                             % (name, len(chart.channel_names), ", ".join(chart.channel_names), inks))
         values = chart.device_values
         ids = chart.sample_ids
-        _check_amounts(values, False, lambda r, c: "%s: sample %s, field %s" % (name, ids[r], chart.channel_names[c]))
+        check_ink_amounts(values, False, lambda r, c: "%s: sample %s, field %s" % (name, ids[r], chart.channel_names[c]))
         return InkTable(ids, list(chart.channel_names), kelma.digital_levels(values), values)
 
     rows = list(_rows(text, name, whitespace))
@@ -214,7 +220,7 @@ def read_ink_table(path, inks, digital=False, whitespace=False):
             values[r, k] = v
         ids.append(fields[id_col] if id_col is not None else str(r + 1))
         lines.append(line)
-    _check_amounts(values, digital,
+    check_ink_amounts(values, digital,
                    lambda r, k: "%s line %d, %s" % (name, lines[r], column_name(columns[k])))
     if digital:
         levels = values.astype(np.uint8)
@@ -266,8 +272,10 @@ def emit(out, text, what):
     kelma.write_file_atomically(out, text)
 
 
-def check_output_path(out, what):
-    """Refuses an output that cannot be written before any work is done."""
+def check_output_path(out, what, inputs=()):
+    """Refuses an output that cannot be written, or that is one of the
+    command's input files (writing it would replace what was read), before
+    any work is done."""
     if out == STDIO:
         return
     p = Path(out)
@@ -275,3 +283,13 @@ def check_output_path(out, what):
         raise UserError("%s %s is a directory; give a file name" % (what, out))
     if not p.parent.is_dir():
         raise UserError("%s %s: the folder %s does not exist" % (what, out, p.parent))
+    for source in inputs:
+        if source is None or str(source) == STDIO:
+            continue
+        try:
+            same = os.path.samefile(p, source)
+        except OSError:  # either one does not exist yet: not the same file
+            same = False
+        if same:
+            raise UserError("%s %s is the input file %s; give the output another name (it would replace the input)"
+                            % (what, out, source))

@@ -8,6 +8,7 @@
 #include "kelma/colorimetry/ZKCWhitePoint.h"
 #include "kelma/common/AlignedBuffer.h"
 #include "kelma/common/InkLevels.h"
+#include "kelma/modelbuilding/ChartImport.h"
 #include "kelma/prediction/PredictColorimetry.h"
 
 namespace KELMA_NAMESPACE {
@@ -31,6 +32,9 @@ std::vector<double> ModelDeltaE2000(const ZKCSSE_KELMA_Data& model, const ZKSMod
     if (inks != model.NumberOfInks())
         throw ZKCModelBuildingError("the chart has " + std::to_string(inks) + " inks and the model " +
                                     std::to_string(model.NumberOfInks()));
+    // The chart's levels by the check every model building applies: device
+    // values in [0, 100] percent and plausible reflectance spectra.
+    const std::vector<unsigned char> levels = ChartDigitalLevels(chart);
     const std::size_t count = patches.size();
     std::vector<unsigned char> samples(count * inks);
     AlignedBuffer<float> measured(count * kSpectrumStride);
@@ -40,7 +44,7 @@ std::vector<double> ModelDeltaE2000(const ZKCSSE_KELMA_Data& model, const ZKSMod
             throw ZKCModelBuildingError("patch " + std::to_string(p) + " is outside the chart of " +
                                         std::to_string(chart.PatchCount()) + " patches");
         for (unsigned int i = 0; i < inks; ++i)
-            samples[s * inks + i] = static_cast<unsigned char>(DigitalLevel(chart.deviceValues[p * inks + i]));
+            samples[s * inks + i] = levels[p * inks + i];
         for (unsigned int w = 0; w < kSpectralValues; ++w)
             measured[s * kSpectrumStride + w] = static_cast<float>(chart.spectra[p * kSpectralValues + w]);
         measured[s * kSpectrumStride + kSpectralValues] = 0.0f;

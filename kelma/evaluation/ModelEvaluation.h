@@ -7,7 +7,9 @@
 // Both colours go through the same single-precision lighting matrix
 // (CalculateCIEXYZ) and the exact CIELAB of XYZToCIELAB; the predicted
 // colour is PredictColorimetry's. Device values in percent become levels by
-// DigitalLevel. A NaN prediction gives a NaN difference (and NaN statistics).
+// ChartDigitalLevels, which refuses a chart whose device values leave
+// [0, 100] or whose spectra are implausible (ZKCModelBuildingError naming the
+// patch). A NaN prediction gives a NaN difference (and NaN statistics).
 #pragma once
 
 #include <cstddef>

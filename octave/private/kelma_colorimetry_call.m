@@ -1,10 +1,13 @@
-function out = kelma_colorimetry_call (op, caller, count, model, inks, varargin)
+function out = kelma_colorimetry_call (op, caller, varargin)
 % KELMA_COLORIMETRY_CALL  Shared argument handling of kelma_predict_lab and
-% kelma_predict_xyz (not for direct use).
-  if (count < 2)
+% kelma_predict_xyz (not for direct use): their arguments, model, inks, then
+% name/value options.
+  if (numel (varargin) < 2)
     error ("kelma:nargin", "%s: expected a model and inks, then name/value options", caller);
   end
-  opts = kelma_options (caller, varargin, struct ("illuminant", "D50", "observer", 2, "relative", "illuminant"));
+  model = varargin{1};
+  inks = varargin{2};
+  opts = kelma_options (caller, varargin(3:end), struct ("illuminant", "D50", "observer", 2, "relative", "illuminant"));
   if (! any (strcmp (opts.relative, {"illuminant", "paper"})))
     error ("kelma:argument", "%s: relative must be ""illuminant"" or ""paper"", got ""%s""", caller, opts.relative);
   end

@@ -1,4 +1,6 @@
 // A measured chart argument: a kelma.MeasurementFile or (device_values, spectra).
+#include <sstream>
+
 #include "common.h"
 
 namespace kelma_py {
@@ -30,6 +32,14 @@ kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& in
     CheckReflectance(spectra, "spectra");
     CheckFinite(device.data(), static_cast<std::size_t>(device.size()), "device_values");
     CheckFloatRange(device, "device_values");
+    for (std::size_t i = 0, n = static_cast<std::size_t>(device.size()); i < n; ++i)
+        if (!(device.data()[i] >= 0.0 && device.data()[i] <= 100.0)) {
+            std::ostringstream s;
+            s << IndexString(device, "device_values", i) << " = " << device.data()[i]
+              << " is not a percentage in [0, 100]";
+            // The error the model builder raises for the same chart.
+            throw kelma::ZKCModelBuildingError(s.str());
+        }
     kelma::ZKSModelChart c;
     c.numberOfInks = static_cast<unsigned>(device.shape(1));
     c.deviceValues.assign(device.data(), device.data() + device.size());

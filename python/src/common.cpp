@@ -1,6 +1,7 @@
 #include "common.h"
 
 #include <cmath>
+#include <limits>
 #include <sstream>
 #include <type_traits>
 
@@ -86,6 +87,16 @@ CArray<T> AsNumeric(const py::handle& obj, const char* name, unsigned kinds) {
     const char k = a.dtype().kind();
     const bool ok = (k == 'f' && (kinds & kFloat)) || ((k == 'i' || k == 'u') && (kinds & kInteger));
     if (!ok) ThrowType(std::string(name) + " must be " + KindsText(kinds) + ", got dtype " + DtypeString(a));
+    if (std::is_same<T, float>::value && k == 'f' && a.itemsize() > 4) {
+        // A finite value beyond float's range would become inf in the cast
+        // (numpy only warns): name it instead.
+        const CArray<double> d = Contiguous<double>(a, std::string(name) + ": cannot convert dtype " + DtypeString(a));
+        for (std::size_t i = 0, n = static_cast<std::size_t>(d.size()); i < n; ++i) {
+            const double v = d.data()[i];
+            if (std::isfinite(v) && std::fabs(v) > static_cast<double>(std::numeric_limits<float>::max()))
+                ThrowValue(IndexString(d, name, i) + " = " + kelma::FloatRangeProblem(v));
+        }
+    }
     return Contiguous<T>(a, std::string(name) + ": cannot convert dtype " + DtypeString(a));
 }
 
@@ -163,6 +174,31 @@ void CheckFiniteImpl(const T* p, std::size_t n, const char* name) {
 
 void CheckFinite(const float* p, std::size_t n, const char* name) { CheckFiniteImpl(p, n, name); }
 void CheckFinite(const double* p, std::size_t n, const char* name) { CheckFiniteImpl(p, n, name); }
+
+std::string Utf8(const py::handle& str, const std::string& name) {
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(str.ptr(), &size);
+    if (data == nullptr) {
+        PyErr_Clear();
+        ThrowValue(name + " is not valid Unicode text: it holds an unpaired surrogate (bytes of a command line "
+                          "that are not UTF-8 arrive so)");
+    }
+    return std::string(data, static_cast<std::size_t>(size));
+}
+
+std::vector<std::string> NameList(const py::object& names, std::size_t inks) {
+    if (py::isinstance<py::str>(names) || !py::hasattr(names, "__iter__"))
+        ThrowType("ink_names must be a sequence of strings, one per ink");
+    std::vector<std::string> out;
+    for (const auto& item : names) {
+        if (!py::isinstance<py::str>(item)) ThrowType("ink_names must hold strings");
+        out.push_back(Utf8(item, "ink_names[" + std::to_string(out.size()) + "]"));
+    }
+    if (out.size() != inks)
+        ThrowValue("ink_names must name each of the " + std::to_string(inks) + " inks, got " +
+                   std::to_string(out.size()) + " names");
+    return out;
+}
 
 void CheckNotNaN(const double* p, std::size_t n, const char* name) {
     for (std::size_t i = 0; i < n; ++i)

@@ -107,6 +107,14 @@ py::dict StatisticsDict(const kelma::ZKSStatistics& s);
 
 // A filesystem path argument (str, bytes or os.PathLike) as a string.
 std::string PathString(const py::object& path);
+
+// The UTF-8 of a Python str; ValueError naming the argument when the str
+// cannot be encoded (an unpaired surrogate: how Python holds command-line
+// bytes that are not UTF-8).
+std::string Utf8(const py::handle& str, const std::string& name);
+
+// ink_names: a sequence of exactly `inks` str.
+std::vector<std::string> NameList(const py::object& names, std::size_t inks);
 // Writes a model file at `path` (atomically), the GIL released.
 void WriteModelFile(const kelma::ZKSModelFile& file, const py::object& path);
 // A kelma.ModelFile holding a copy of `file`.

@@ -10,11 +10,17 @@ namespace {
 std::vector<std::string> Strings(const py::handle& obj, const char* name) {
     if (py::isinstance<py::str>(obj) || py::isinstance<py::bytes>(obj))
         ThrowType(std::string(name) + " must be a sequence of str, got a single string");
-    try {
-        return obj.cast<std::vector<std::string>>();
-    } catch (const py::cast_error&) {
-        ThrowType(std::string(name) + " must be a sequence of str");
+    if (!py::hasattr(obj, "__iter__")) ThrowType(std::string(name) + " must be a sequence of str");
+    std::vector<std::string> out;
+    for (const py::handle item : obj) {
+        if (py::isinstance<py::bytes>(item)) {
+            out.push_back(item.cast<std::string>());
+            continue;
+        }
+        if (!py::isinstance<py::str>(item)) ThrowType(std::string(name) + " must be a sequence of str");
+        out.push_back(Utf8(item, std::string(name) + "[" + std::to_string(out.size()) + "]"));
     }
+    return out;
 }
 
 // A (patches, columns) table of finite reals; columns < 0: any count.
@@ -43,7 +49,7 @@ kelma::ZKSMeasurementKeywords Keywords(const py::object& obj) {
                   py::isinstance<py::float_>(value)) ||
                 py::isinstance<py::bool_>(value))
                 throw py::cast_error();
-            keywords.emplace_back(pair[0].cast<std::string>(), py::str(value).cast<std::string>());
+            keywords.emplace_back(Utf8(pair[0], "keywords"), Utf8(py::str(value), "keywords"));
         }
     } catch (const py::cast_error&) {
         ThrowType("keywords must be a dict or a sequence of (keyword, value) pairs of str (numbers are written "
@@ -135,7 +141,7 @@ void RegisterFiles(py::module_& m) {
             const std::string p = PathString(path);
             std::string content;
             if (py::isinstance<py::str>(data))
-                content = data.cast<std::string>();
+                content = Utf8(data, "data");
             else if (py::isinstance<py::bytes>(data) || py::isinstance<py::bytearray>(data) ||
                      py::isinstance<py::memoryview>(data))
                 content = py::bytes(data).cast<std::string>();

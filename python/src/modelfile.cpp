@@ -35,23 +35,9 @@ py::array_t<float> Floats(const std::vector<float>& v, Shape shape) {
     return out;
 }
 
-std::vector<std::string> NameList(const py::object& names, std::size_t inks) {
-    if (py::isinstance<py::str>(names) || !py::hasattr(names, "__iter__"))
-        ThrowType("ink_names must be a sequence of strings, one per ink");
-    std::vector<std::string> out;
-    for (const auto& item : names) {
-        if (!py::isinstance<py::str>(item)) ThrowType("ink_names must hold strings");
-        out.push_back(item.cast<std::string>());
-    }
-    if (out.size() != inks)
-        ThrowValue("ink_names must name each of the " + std::to_string(inks) + " inks, got " +
-                   std::to_string(out.size()) + " names");
-    return out;
-}
-
 std::string OneLine(const py::object& text, const char* name) {
     if (!py::isinstance<py::str>(text)) ThrowType(std::string(name) + " must be a string");
-    return text.cast<std::string>();
+    return Utf8(text, name);
 }
 
 // Provenance and names given as keyword arguments; None leaves a field as it is.

@@ -27,7 +27,7 @@ unsigned WholeNumber(const py::handle& obj, const char* name, long long lo, long
 void TextArgument(const py::object& obj, const char* name, std::string* out) {
     if (obj.is_none()) return;
     if (!py::isinstance<py::str>(obj)) ThrowType(std::string(name) + " must be a string or None");
-    *out = obj.cast<std::string>();
+    *out = Utf8(obj, name);
 }
 
 // The options every profile takes; the model's ink count decides the names' count.
@@ -47,17 +47,7 @@ kelma::ZKSICCProfileOptions ProfileOptions(const kelma::ZKCSSE_KELMA_Data& model
     TextArgument(description, "description", &o.description);
     TextArgument(copyright, "copyright", &o.copyright);
     TextArgument(target, "target", &o.characterizationTarget);
-    if (!inkNames.is_none()) {
-        if (py::isinstance<py::str>(inkNames) || !py::hasattr(inkNames, "__iter__"))
-            ThrowType("ink_names must be a sequence of strings, one per ink");
-        for (const auto& item : inkNames) {
-            if (!py::isinstance<py::str>(item)) ThrowType("ink_names must hold strings");
-            o.inkNames.push_back(item.cast<std::string>());
-        }
-        if (o.inkNames.size() != N)
-            ThrowValue("ink_names must name each of the " + std::to_string(N) + " inks, got " +
-                       std::to_string(o.inkNames.size()) + " names");
-    }
+    if (!inkNames.is_none()) o.inkNames = NameList(inkNames, N);
     return o;
 }
 

@@ -130,6 +130,10 @@ function test_kelma_mex (fixture_dir, readme)
   expect_error (@() kelma_predict_lab (press, double (samples)), "kelma:class", "double inks");
   expect_error (@() kelma_predict_lab (press, samples(1:3, :)), "kelma:size", "3 x count inks");
   expect_error (@() kelma_predict_lab (rmfield (press, "n"), samples), "kelma:argument", "model without n");
+  expect_error (@() kelma_predict_lab (press), "kelma:nargin", "kelma_predict_lab without inks");
+  expect_error (@() kelma_predict_lab (), "kelma:nargin", "kelma_predict_lab without arguments");
+  expect_error (@() kelma_predict_xyz (press), "kelma:nargin", "kelma_predict_xyz without inks");
+  expect_error (@() kelma_predict_xyz (), "kelma:nargin", "kelma_predict_xyz without arguments");
   broken = press;
   broken.ramps(40, 2) = broken.ramps(39, 2) - 0.1;
   expect_error (@() kelma_predict_lab (broken, samples), "kelma:model", "falling ramp");
@@ -149,6 +153,26 @@ function test_kelma_mex (fixture_dir, readme)
            sprintf ("dark paper: got '%s' (%s)", err.message, err.identifier));
   end
   expect_error (@() kelma_evaluate (press, "/nonexistent/chart.txt"), "kelma:chart", "missing chart");
+  % A chart whose device value is no percentage (150 % cyan) is refused, not
+  % compared with the prediction of another ink amount.
+  percent_chart = [tempname() ".txt"];
+  fid = fopen (percent_chart, "w");
+  fprintf (fid, "CGATS.17\nNUMBER_OF_FIELDS 36\nBEGIN_DATA_FORMAT\nSAMPLE_ID CMYK_C CMYK_M CMYK_Y CMYK_K");
+  fprintf (fid, " SPECTRAL_NM%d", 400:10:700);
+  fprintf (fid, "\nEND_DATA_FORMAT\nNUMBER_OF_SETS 2\nBEGIN_DATA\n1 0 0 0 0");
+  fprintf (fid, " %g", 0.8 * ones (1, 31));
+  fprintf (fid, "\n2 150 0 0 0");
+  fprintf (fid, " %g", 0.3 * ones (1, 31));
+  fprintf (fid, "\nEND_DATA\n");
+  fclose (fid);
+  try
+    kelma_evaluate (press, percent_chart);
+    check (false, "device value 150 %: no error raised");
+  catch err
+    check (strcmp (err.identifier, "kelma:chart") && ! isempty (strfind (err.message, "150")), ...
+           sprintf ("device value 150 %%: got '%s' (%s)", err.message, err.identifier));
+  end
+  delete (percent_chart);
 
   % Every bad chart of the reader's table, and paths that are no chart file:
   % a kelma:chart error naming the file and, where the file has device

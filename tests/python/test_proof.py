@@ -240,7 +240,7 @@ def test_bad_arguments_are_usage_errors_naming_the_argument(tmp_path, capsys, ar
     (["{three}", "{dir}/p.png"], ["three.npy", "4 channels"]),
     (["{dir}/missing.tif", "{dir}/p.png"], ["missing.tif does not exist"]),
     (["{dir}", "{dir}/p.png"], ["is a directory"]),
-    (["{npy}", "{dir}/no/p.png"], ["cannot write", "no/p.png"]),
+    (["{npy}", "{dir}/no/p.png"], ["no/p.png", "folder", "does not exist"]),
     (["{npy}", "{dir}/p.png", "--model", "{dir}/none.kelma"], ["none.kelma does not exist"]),
     (["{npy}", "{dir}/p.png", "--model", "{three}"], ["three.npy"]),
 ])
