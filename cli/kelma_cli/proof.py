@@ -72,9 +72,12 @@ def output_path(text):
 
 
 def illuminant_list(text):
-    names = [n.strip().upper() for n in text.split(",") if n.strip()]
-    if not names:
+    names = [n.strip().upper() for n in text.split(",")]
+    if not any(names):
         raise argparse.ArgumentTypeError("needs at least one illuminant, e.g. D50,A,F11")
+    if not all(names):
+        raise argparse.ArgumentTypeError("%r names an empty illuminant; separate names by single commas, e.g. "
+                                         "D50,A,F11" % text)
     for n in names:
         if n not in kelma.ILLUMINANTS:
             raise argparse.ArgumentTypeError("%r is not a standard illuminant (%s)"

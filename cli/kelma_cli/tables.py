@@ -278,6 +278,8 @@ def check_output_path(out, what, inputs=()):
     any work is done."""
     if out == STDIO:
         return
+    if not str(out):
+        raise UserError("%s is empty; give a file name" % what)
     p = Path(out)
     if p.is_dir():
         raise UserError("%s %s is a directory; give a file name" % (what, out))

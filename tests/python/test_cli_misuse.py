@@ -170,3 +170,13 @@ def test_demo_into_a_file_instead_of_a_folder_names_the_argument(tmp_path):
     err = failed_cleanly(run("demo", "--out", taken), "--out", "out")
     assert "Errno" not in err, err
     assert taken.read_text() == "a file, not a folder\n"
+
+
+def test_an_empty_output_name_or_an_empty_illuminant_in_a_list_is_refused(tmp_path):
+    inks = tmp_path / "inks.csv"
+    inks.write_text("C,M,Y,K\n10,20,30,40\n")
+    failed_cleanly(run("predict", inks, "--out", ""), "--out is empty")
+    job = tmp_path / "job.tif"
+    cmyk_tiff(job)
+    failed_cleanly(run("proof", job, tmp_path / "p.png", "--illuminants", "D50,,A"), "empty illuminant")
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["inks.csv", "job.tif"]
