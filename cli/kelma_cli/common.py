@@ -97,7 +97,6 @@ def check_ink_amounts(values, digital, where):
                         % (where(r, c), values[r, c]))
 
 
-
 def read_chart(path, required="spectra", extrapolate=False):
     """A kelma.MeasurementFile of a path, or of standard input for '-'; the
     reader refuses what is not a chart (a directory, a device, implausible

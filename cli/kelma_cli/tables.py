@@ -134,8 +134,9 @@ def _ink_of(header_name):
 def _ink_columns(header, inks, name):
     """Indices of the ID column (or None) and of the ink columns of a header
     row, in ink order. Columns named after inks are taken by name, and then
-    every ink must be named exactly once (other columns are ignored);
-    a header that names no ink gives one column per ink in order."""
+    every ink must be named exactly once (other columns are ignored); a
+    header with one column per ink that names no ink, or names some inks each
+    in its own column, gives the columns in order."""
     upper = [h.upper() for h in header]
     id_col = next((i for i, h in enumerate(upper) if h in ID_NAMES), None)
     others = [i for i in range(len(header)) if i != id_col]
@@ -156,13 +157,19 @@ def _ink_columns(header, inks, name):
         if ink[i] in by_ink:
             raise UserError("%s: the header names one ink twice (%s and %s)" % (name, header[by_ink[ink[i]]], header[i]))
         by_ink[ink[i]] = i
+    if len(by_ink) != inks and len(others) == inks and all(
+            ink[i] is None or ink[i] == k for k, i in enumerate(others)):
+        # Some inks named, each in its own column (C,M,Y,K,O,G for six inks):
+        # the columns in order.
+        return id_col, others
     if len(by_ink) != inks:
         missing = [standard_channel_names(inks)[k] for k in range(inks) if k not in by_ink]
         unknown = [header[i] for i in others if ink[i] is None]
         raise UserError("%s: the header names %d of the model's %d inks (%s) and lacks %s%s; name every ink "
                         "column (e.g. %s) or none"
                         % (name, len(by_ink), inks, ", ".join(header[i] for i in named), ", ".join(missing),
-                           "; %s is no ink name" % ", ".join(unknown) if unknown else "",
+                           "; %s %s no ink name%s" % (", ".join(unknown), "are" if len(unknown) > 1 else "is",
+                                                       "s" if len(unknown) > 1 else "") if unknown else "",
                            ",".join(standard_channel_names(inks))))
     return id_col, [by_ink[k] for k in range(inks)]
 

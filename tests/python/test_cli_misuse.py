@@ -180,3 +180,20 @@ def test_an_empty_output_name_or_an_empty_illuminant_in_a_list_is_refused(tmp_pa
     cmyk_tiff(job)
     failed_cleanly(run("proof", job, tmp_path / "p.png", "--illuminants", "D50,,A"), "empty illuminant")
     assert sorted(p.name for p in tmp_path.iterdir()) == ["inks.csv", "job.tif"]
+
+
+def test_csv_headers_are_read_by_ink_name_or_in_order_and_ambiguous_ones_refused():
+    sys.path.insert(0, str(ROOT / "cli"))
+    from kelma_cli.common import UserError
+    from kelma_cli.tables import _ink_columns
+    # By name (any order, colour names too, extra columns ignored) ...
+    assert _ink_columns("Black,Cyan,Magenta,Yellow".split(","), 4, "h") == (None, [1, 2, 3, 0])
+    assert _ink_columns("SAMPLE_ID,K,C,M,Y,NOTE".split(","), 4, "h") == (0, [2, 3, 4, 1])
+    assert _ink_columns("6CLR_2,6CLR_1,6CLR_3,6CLR_4,6CLR_5,6CLR_6".split(","), 6, "h") == (None, [1, 0, 2, 3, 4, 5])
+    # ... in order where no name or only names in their own columns are given ...
+    assert _ink_columns("ink1,ink2,ink3,ink4".split(","), 4, "h") == (None, [0, 1, 2, 3])
+    assert _ink_columns("C,M,Y,K,O,G".split(","), 6, "h") == (None, [0, 1, 2, 3, 4, 5])
+    # ... and refused where a name and its column disagree.
+    for header, inks in (("C,M,K,Y,O,G", 6), ("K,C,M,X", 4), ("C,C,Y,K", 4), ("CMYK_C,CMYK_M,CMYK_Y,6CLR_5", 4)):
+        with pytest.raises(UserError, match="^h: the header"):
+            _ink_columns(header.split(","), inks, "h")
