@@ -135,12 +135,14 @@ void Evaluate(int nlhs, mxArray** out, int nrhs, const mxArray* const* in) {
     if (chart.numberOfInks != model.NumberOfInks())
         Fail("kelma:argument", path + " has " + std::to_string(chart.numberOfInks) + " device channels; the model has " +
                                    std::to_string(model.NumberOfInks()) + " inks");
+    kelma::ZKSModelEvaluation e;
     try {
-        kelma::ChartDigitalLevels(chart);  // device values in percent, plausible spectra
-    } catch (const kelma::ZKCModelBuildingError& e) {
-        Fail("kelma:chart", path + ": " + e.what());
+        e = kelma::EvaluateModel(model, chart);
+    } catch (const kelma::ZKCModelBuildingError& error) {
+        // The ink counts agree, so what remains is the chart's content:
+        // device values outside [0, 100] % or implausible spectra.
+        Fail("kelma:chart", path + ": " + error.what());
     }
-    const kelma::ZKSModelEvaluation e = kelma::EvaluateModel(model, chart);
     out[0] = mxCreateDoubleMatrix(5, 3, mxREAL);
     double* s = mxGetPr(out[0]);
     const kelma::ZKSStatistics* rows[3] = {&e.all, &e.blackZero, &e.blackPositive};

@@ -1,6 +1,4 @@
 // A measured chart argument: a kelma.MeasurementFile or (device_values, spectra).
-#include <sstream>
-
 #include "common.h"
 
 namespace kelma_py {
@@ -32,24 +30,17 @@ kelma::ZKSModelChart ChartArgument(const py::object& chart, const py::object& in
     CheckReflectance(spectra, "spectra");
     CheckFinite(device.data(), static_cast<std::size_t>(device.size()), "device_values");
     CheckFloatRange(device, "device_values");
-    for (std::size_t i = 0, n = static_cast<std::size_t>(device.size()); i < n; ++i)
-        if (!(device.data()[i] >= 0.0 && device.data()[i] <= 100.0)) {
-            std::ostringstream s;
-            s << IndexString(device, "device_values", i) << " = " << device.data()[i]
-              << " is not a percentage in [0, 100]";
-            // The error the model builder raises for the same chart.
-            throw kelma::ZKCModelBuildingError(s.str());
-        }
     kelma::ZKSModelChart c;
     c.numberOfInks = static_cast<unsigned>(device.shape(1));
     c.deviceValues.assign(device.data(), device.data() + device.size());
     c.spectra.assign(spectra.data(), spectra.data() + spectra.size());
-    if (!inkNames.is_none()) {
-        try {
-            c.inkNames = inkNames.cast<std::vector<std::string>>();
-        } catch (const py::cast_error&) {
-            ThrowType("ink_names must be a sequence of strings");
-        }
+    if (!inkNames.is_none()) c.inkNames = NameList(inkNames, c.numberOfInks);
+    // The model builder's own check (device values in percent, ...), its
+    // error naming the argument.
+    try {
+        kelma::ChartDigitalLevels(c);
+    } catch (const kelma::ZKCModelBuildingError& e) {
+        throw kelma::ZKCModelBuildingError(std::string("chart (device_values, spectra): ") + e.what());
     }
     return c;
 }
