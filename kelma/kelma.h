@@ -4,6 +4,7 @@
 #include "kelma/common/Config.h"
 #include "kelma/common/Types.h"
 #include "kelma/common/InkLevels.h"
+#include "kelma/common/NumberText.h"
 #include "kelma/common/KernelVariant.h"
 #include "kelma/common/Version.h"
 #include "kelma/common/AtomicFile.h"

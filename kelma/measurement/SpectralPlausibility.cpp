@@ -2,18 +2,12 @@
 
 #include <cmath>
 #include <limits>
-#include <sstream>
+
+#include "kelma/common/NumberText.h"
 
 namespace KELMA_NAMESPACE {
 
 namespace {
-
-// Shortest readable form: 6 significant digits ("85.3", "4000", "1e+300").
-std::string Number(double v) {
-    std::ostringstream s;
-    s << v;
-    return s.str();
-}
 
 bool Within(double v, double lo, double hi) { return v >= lo && v <= hi; }
 
@@ -32,15 +26,16 @@ ZKSValueProblem FindReflectance(const T* values, std::size_t count) {
         }
     }
     if (!result.found) return result;
-    const double v = static_cast<double>(values[result.index]);
-    if (!std::isfinite(v)) {
-        result.problem = Number(v) + " is not a finite number";
+    // The value as its own type writes it (81.2f as "81.2").
+    const std::string v = NumberText(values[result.index]);
+    if (!std::isfinite(values[result.index])) {
+        result.problem = v + " is not a finite number";
     } else if (largest > kPlausibleReflectanceMax && largest <= 100.0 * kPlausibleReflectanceMax) {
-        result.problem = Number(v) + " is far outside the reflectance range 0-1: the spectra look like percent, "
-                                     "divide them by 100";
+        result.problem = v + " is far outside the reflectance range 0-1: the spectra look like percent, "
+                             "divide them by 100";
     } else {
-        result.problem = Number(v) + " is far outside the reflectance range 0-1 (reflectance factors from " +
-                         Number(kPlausibleReflectanceMin) + " to " + Number(kPlausibleReflectanceMax) +
+        result.problem = v + " is far outside the reflectance range 0-1 (reflectance factors from " +
+                         NumberText(kPlausibleReflectanceMin) + " to " + NumberText(kPlausibleReflectanceMax) +
                          " are accepted)";
     }
     return result;
@@ -49,18 +44,18 @@ ZKSValueProblem FindReflectance(const T* values, std::size_t count) {
 }  // namespace
 
 std::string FloatRangeProblem(double value) {
-    if (!std::isfinite(value)) return Number(value) + " is not a finite number";
+    if (!std::isfinite(value)) return NumberText(value) + " is not a finite number";
     if (std::fabs(value) > static_cast<double>(std::numeric_limits<float>::max()))
-        return Number(value) + " is outside the range of a 32-bit float (magnitude at most " +
-               Number(std::numeric_limits<float>::max()) + ")";
+        return NumberText(value) + " is outside the range of a 32-bit float (magnitude at most " +
+               NumberText(static_cast<double>(std::numeric_limits<float>::max())) + ")";
     return "";
 }
 
 std::string WavelengthProblem(double nm) {
-    if (!std::isfinite(nm)) return "wavelength " + Number(nm) + " is not a finite number";
+    if (!std::isfinite(nm)) return "wavelength " + NumberText(nm) + " is not a finite number";
     if (Within(nm, kPlausibleWavelengthMinNm, kPlausibleWavelengthMaxNm)) return "";
-    std::string text = "wavelength " + Number(nm) + " is outside " + Number(kPlausibleWavelengthMinNm) + "-" +
-                       Number(kPlausibleWavelengthMaxNm) + " nm";
+    std::string text = "wavelength " + NumberText(nm) + " is outside " + NumberText(kPlausibleWavelengthMinNm) + "-" +
+                       NumberText(kPlausibleWavelengthMaxNm) + " nm";
     if (Within(nm, kPlausibleWavelengthMinNm / 1e3, kPlausibleWavelengthMaxNm / 1e3))
         return text + ": it looks like micrometres, multiply the wavelengths by 1000";
     if (Within(nm, kPlausibleWavelengthMinNm * 10.0, kPlausibleWavelengthMaxNm * 10.0))
@@ -78,17 +73,17 @@ std::string SpectralCoverageProblem(const double* wavelengths, std::size_t count
         // The grid wavelengths below the first one: 400 .. the last grid step before it.
         double upTo = 400.0;
         while (upTo + 10.0 < first && upTo + 10.0 <= 700.0) upTo += 10.0;
-        gaps = "do not reach down to 400 nm: 400-" + Number(upTo) + " nm would be extrapolated";
+        gaps = "do not reach down to 400 nm: 400-" + NumberText(upTo) + " nm would be extrapolated";
     }
     if (last < 700.0 - kMaxExtrapolatedNm) {
         double from = 700.0;
         while (from - 10.0 > last && from - 10.0 >= 400.0) from -= 10.0;
-        gaps += std::string(gaps.empty() ? "" : ", and ") + "do not reach up to 700 nm: " + Number(from) +
+        gaps += std::string(gaps.empty() ? "" : ", and ") + "do not reach up to 700 nm: " + NumberText(from) +
                 "-700 nm would be extrapolated";
     }
     if (gaps.empty()) return "";
-    return "wavelengths " + Number(first) + "-" + Number(last) + " nm " + gaps + ", more than the " +
-           Number(kMaxExtrapolatedNm) +
+    return "wavelengths " + NumberText(first) + "-" + NumberText(last) + " nm " + gaps + ", more than the " +
+           NumberText(kMaxExtrapolatedNm) +
            " nm allowed at either end; measure 400-700 nm, or enable the extrapolate option to extrapolate from "
            "the end intervals";
 }

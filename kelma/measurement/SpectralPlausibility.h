@@ -39,7 +39,7 @@ constexpr double kMaxExtrapolatedNm = 10.0;
 // A value that is not finite or whose magnitude exceeds the largest float
 // (single precision holds every value the library computes with):
 // "1e+300 is outside the range of a 32-bit float (magnitude at most
-// 3.40282e+38)". NaN and infinities are "not a finite number".
+// 3.4028234663852886e+38)". NaN and infinities are "not a finite number".
 KELMA_API std::string FloatRangeProblem(double value);
 
 // One wavelength in nm outside [kPlausibleWavelengthMinNm,

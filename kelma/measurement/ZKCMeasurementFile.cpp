@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "kelma/common/LibraryErrors.h"
+#include "kelma/common/NumberText.h"
 #include "kelma/measurement/SpectralPlausibility.h"
 #include "kelma/sampling/ZKCSpectralSampling_Thread.h"
 
@@ -491,12 +492,6 @@ bool OutOfDoubleRange(const std::string& text) {
     return end == text.c_str() + text.size() && std::isinf(v);
 }
 
-std::string FloatMaxText() {
-    char text[32];
-    std::snprintf(text, sizeof text, "%g", static_cast<double>(std::numeric_limits<float>::max()));
-    return text;
-}
-
 struct LcmsContext {
     std::string firstError;
 };
@@ -668,7 +663,8 @@ void ZKCMeasurementFile::Read(const std::string& contents, std::uint32_t require
     };
     // Every value must be a finite number a float can hold: spectra are kept
     // in single precision, and every computation downstream is.
-    const std::string outsideFloat = "is outside the range of a 32-bit float (magnitude at most " + FloatMaxText() + ")";
+    const std::string outsideFloat = "is outside the range of a 32-bit float (magnitude at most " +
+                                     NumberText(static_cast<double>(std::numeric_limits<float>::max())) + ")";
     auto Value = [&](std::size_t row, int col) {
         const char* text = cmsIT8GetDataRowCol(h, static_cast<int>(row), col);
         const std::string& written = prepared.dataLines[row].tokens[static_cast<std::size_t>(col)];

@@ -1,7 +1,6 @@
 #include "kelma/modelbuilding/ModelBuildingCommon.h"
 
-#include <cstdio>
-
+#include "kelma/common/NumberText.h"
 #include "kelma/modelbuilding/ZKCModelBuildingError.h"
 
 namespace KELMA_NAMESPACE {
@@ -9,11 +8,7 @@ namespace modelbuilding {
 
 void Fail(const std::string& problem) { throw ZKCModelBuildingError(problem); }
 
-std::string Number(double v) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%g", v);
-    return buf;
-}
+std::string Number(double v) { return NumberText(v); }
 
 std::string InkName(const ZKSModelChart& chart, unsigned int ink) {
     if (ink < chart.inkNames.size()) return chart.inkNames[ink];

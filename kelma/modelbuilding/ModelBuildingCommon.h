@@ -17,7 +17,7 @@ constexpr double kReflectanceFloor = 1e-4;
 
 // Throws ZKCModelBuildingError(problem).
 [[noreturn]] void Fail(const std::string& problem);
-// A number as %g writes it (40, 40.1, 1e-05).
+// NumberText (kelma/common/NumberText.h): 40, 40.1, 1e-05, 100.0000001.
 std::string Number(double v);
 // The chart's name of an ink, or "ink k" (1-based) when the chart names none.
 std::string InkName(const ZKSModelChart& chart, unsigned int ink);

@@ -53,7 +53,8 @@ void CheckWhites(const CArray<double>& white, const char* name) {
     for (py::ssize_t i = 0; i < white.size(); ++i)
         if (!(w[i] > 0.0)) {
             std::ostringstream s;
-            s << name << " must be positive (X, Y, Z of a white), found " << w[i] << " at flat index " << i;
+            s << name << " must be positive (X, Y, Z of a white), found " << kelma::NumberText(w[i])
+              << " at flat index " << i;
             ThrowValue(s.str());
         }
 }
@@ -143,7 +144,7 @@ py::array_t<std::uint8_t> DigitalLevels(const py::object& percentObj) {
     for (py::ssize_t i = 0; i < p.size(); ++i)
         if (!std::isfinite(v[i]) || v[i] < 0.0 || v[i] > 100.0) {
             std::ostringstream s;
-            s << "percent must be ink amounts 0..100, found " << v[i] << " at flat index " << i
+            s << "percent must be ink amounts 0..100, found " << kelma::NumberText(v[i]) << " at flat index " << i
               << " (digital levels 0..255 are given to the prediction functions as uint8 directly)";
             ThrowValue(s.str());
         }
@@ -165,7 +166,7 @@ py::array_t<double> InkPercent(const py::object& levelsObj) {
     for (py::ssize_t i = 0; i < l.size(); ++i) {
         if (v[i] < 0.0 || v[i] > 255.0) {
             std::ostringstream s;
-            s << "levels must be 0..255, found " << v[i] << " at flat index " << i;
+            s << "levels must be 0..255, found " << kelma::NumberText(v[i]) << " at flat index " << i;
             ThrowValue(s.str());
         }
         o[i] = kelma::InkPercent(static_cast<unsigned>(v[i]));
@@ -175,6 +176,9 @@ py::array_t<double> InkPercent(const py::object& levelsObj) {
 
 py::dict Statistics(const py::object& valuesObj) {
     CArray<double> v = AsNumeric<double>(valuesObj, "values", kFloat | kInteger);
+    // The library summarises an empty subset as count 0 (a report's empty
+    // K = 0 group); asked for directly, nothing to summarise is a mistake.
+    if (v.size() == 0) ThrowValue("values holds no value to summarise");
     return StatisticsDict(kelma::Summarize(std::vector<double>(v.data(), v.data() + v.size())));
 }
 
@@ -186,7 +190,8 @@ std::vector<std::size_t> PatchList(const py::object& patches, std::size_t count)
         const double v = p.data()[i];
         if (v < 0 || v >= static_cast<double>(count)) {
             std::ostringstream s;
-            s << "patches must be indices 0.." << count - 1 << " of the chart, found " << v << " at position " << i;
+            s << "patches must be indices 0.." << count - 1 << " of the chart, found " << kelma::NumberText(v)
+              << " at position " << i;
             ThrowValue(s.str());
         }
         list.push_back(static_cast<std::size_t>(v));
@@ -372,7 +377,7 @@ Ink amounts in percent of digital levels 0..255 (100 level / 255).)doc");
           R"doc(statistics(values) -> dict
 
 count, mean, median, p95 (linear interpolation, as numpy) and max of the
-values; NaN in any value makes every statistic NaN.)doc");
+values (at least one); NaN in any value makes every statistic NaN.)doc");
     m.def("evaluate_model", &EvaluateModelPy, py::arg("model"), py::arg("chart"), py::kw_only(),
           py::arg("patches") = py::none(), py::arg("illuminant") = 0,
           R"doc(evaluate_model(model, chart, *, patches=None, illuminant=0) -> dict

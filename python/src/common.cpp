@@ -165,7 +165,7 @@ void CheckFiniteImpl(const T* p, std::size_t n, const char* name) {
     for (std::size_t i = 0; i < n; ++i)
         if (!std::isfinite(p[i])) {
             std::ostringstream s;
-            s << name << " must be finite, found " << p[i] << " at flat index " << i;
+            s << name << " must be finite, found " << kelma::NumberText(p[i]) << " at flat index " << i;
             ThrowValue(s.str());
         }
 }

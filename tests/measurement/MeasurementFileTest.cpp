@@ -389,7 +389,7 @@ TEST(MeasurementFile, ValuesAFloatCannotHoldAreRefusedWithTheirLineAndField) {
     };
     const Case refused[] = {
         {"1.0e300", "line 9, field LAB_A: '1.0e300' is outside the range of a 32-bit float (magnitude at most "
-                    "3.40282e+38)"},
+                    "3.4028234663852886e+38)"},
         // The parser misreads this form; what was written decides the message.
         {"1e+300", "line 9, field LAB_A: '1e+300' is outside the range of a 32-bit float"},
         {"-3.5e38", "'-3.5e38' is outside the range of a 32-bit float"},

@@ -23,8 +23,8 @@ TEST(SpectralPlausibility, FloatRangeEndsAtTheLargestFloat) {
     EXPECT_EQ(FloatRangeProblem(-largest), "");
     EXPECT_EQ(FloatRangeProblem(1e-300), "");  // underflows to 0 in float: harmless
     EXPECT_EQ(FloatRangeProblem(std::nextafter(largest, 1e300)),
-              "3.40282e+38 is outside the range of a 32-bit float (magnitude at most 3.40282e+38)");
-    EXPECT_EQ(FloatRangeProblem(-1e300), "-1e+300 is outside the range of a 32-bit float (magnitude at most 3.40282e+38)");
+              "3.402823466385289e+38 is outside the range of a 32-bit float (magnitude at most 3.4028234663852886e+38)");
+    EXPECT_EQ(FloatRangeProblem(-1e300), "-1e+300 is outside the range of a 32-bit float (magnitude at most 3.4028234663852886e+38)");
     EXPECT_EQ(FloatRangeProblem(std::numeric_limits<double>::infinity()), "inf is not a finite number");
     EXPECT_EQ(FloatRangeProblem(std::nan("")), "nan is not a finite number");
 }
