@@ -1,5 +1,6 @@
 """Shared pieces of the subcommands: the user-error type, progress steps and
 the loading of models, charts and images."""
+import re
 import sys
 import threading
 import time
@@ -16,6 +17,21 @@ ROOT = Path(__file__).resolve().parents[2]
 
 class UserError(Exception):
     """A problem with the user's input: reported without a traceback."""
+
+
+# A number as tables and options write it: decimal digits with an optional
+# sign, point and exponent, or nan/inf (which the callers then refuse by
+# name). Python's float() also takes "1_0" and non-ASCII digits, which no
+# other tool reading the same file would take as a number.
+_NUMBER = re.compile(r"[+-]?(?:\d+(?:\.\d*)?|\.\d+)(?:[eE][+-]?\d+)?|[+-]?(?:nan|inf|infinity)",
+                     re.ASCII | re.IGNORECASE)
+
+
+def parse_number(text):
+    """The float a table field or option value writes, or None when the text
+    (surrounding blanks aside) is not a number."""
+    text = text.strip()
+    return float(text) if _NUMBER.fullmatch(text) else None
 
 
 class Step:
@@ -139,8 +155,7 @@ def check_separation_limits(args, inks):
 
 
 def parse_grid(text):
-    try:
-        levels = [float(v) for v in text.split(",")]
-    except ValueError:
+    levels = [parse_number(v) for v in text.split(",")]
+    if None in levels:
         raise UserError("--grid takes comma-separated percentages, e.g. 0,40,100")
     return levels

@@ -6,7 +6,7 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, add_extrapolate_option, parse_grid, read_chart
+from .common import UserError, add_extrapolate_option, parse_grid, parse_number, read_chart
 from .tables import check_output_path
 
 
@@ -45,9 +45,8 @@ def grid_argument(text):
 def prior_argument(text, fine_base):
     if text == "auto":
         return "auto"
-    try:
-        weight = float(text)
-    except ValueError:
+    weight = parse_number(text)
+    if weight is None:
         weight = math.nan
     if not (weight > 0 and math.isfinite(weight)):
         raise UserError("--fine-prior takes auto or a positive number of patches per node, got %r" % text)

@@ -45,10 +45,10 @@ def register(sub):
     p.add_argument("--bpc", action="store_true",
                    help="black-point compensation (relative intent): the print's black, the darkest neutral "
                         "within the ink limits (--tac, --max-black), mapped to the display's")
-    p.add_argument("--tac", type=int, default=300,
+    p.add_argument("--tac", type=int,
                    help="with --bpc: total ink coverage limit in percent that bounds the print's black "
                         "(default 300, as kelma profile)")
-    p.add_argument("--max-black", type=int, default=95,
+    p.add_argument("--max-black", type=int,
                    help="with --bpc: black limit in percent (default 95, as kelma profile)")
     p.add_argument("--illuminants", type=illuminant_list, default=["D50"],
                    help="comma-separated illuminants, one labelled panel each, e.g. D50,A,F11 (default D50); "
@@ -257,6 +257,12 @@ def run(args):
     if args.bpc and args.intent != "relative":
         args.parser.error("argument --bpc: applies to the relative colorimetric intent (absolute keeps the "
                           "print's black)")
+    for option, value in (("--tac", args.tac), ("--max-black", args.max_black)):
+        if value is not None and not args.bpc:
+            args.parser.error("argument %s: bounds the print's black for --bpc, and this proof has no --bpc"
+                              % option)
+    args.tac = 300 if args.tac is None else args.tac
+    args.max_black = 95 if args.max_black is None else args.max_black
     check_output_path(args.out, "output", (args.image, args.model))
     model = load_model(args.model)
     if model.inks != 4:

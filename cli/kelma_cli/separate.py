@@ -7,7 +7,7 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, add_colorimetry_options, check_separation_limits, load_model
+from .common import UserError, add_colorimetry_options, check_separation_limits, load_model, parse_number
 from .tables import STDIO, check_output_path, emit
 
 
@@ -49,9 +49,8 @@ def read_colours(path):
         fields = [v.strip() for v in text.replace(";", ",").split(",")]
         if len(fields) == 1:
             fields = text.split()
-        try:
-            values = [float(v) for v in fields]
-        except ValueError:
+        values = [parse_number(v) for v in fields]
+        if None in values:
             if not rows and number == 1:
                 continue  # a header
             raise UserError("%s line %d: expected three numbers L*, a*, b*, got %r" % (p, number, text))

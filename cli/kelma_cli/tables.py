@@ -13,7 +13,7 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, check_ink_amounts
+from .common import UserError, check_ink_amounts, parse_number
 
 STDIO = "-"
 FORMATS = ("cgats", "csv")
@@ -91,13 +91,6 @@ class InkTable:
         self.channel_names = channel_names
         self.levels = levels
         self.percent = percent
-
-
-def _number(text):
-    try:
-        return float(text)
-    except ValueError:
-        return None
 
 
 def _rows(text, name, whitespace):
@@ -197,7 +190,7 @@ def read_ink_table(path, inks, digital=False, whitespace=False):
         raise UserError("%s holds no samples" % name)
     first = rows[0][1]
     header = None
-    if all(_number(f) is None for f in first):
+    if all(parse_number(f) is None for f in first):
         header, rows = first, rows[1:]
         if not rows:
             raise UserError("%s holds a header row but no samples" % name)
@@ -221,7 +214,7 @@ def read_ink_table(path, inks, digital=False, whitespace=False):
         if len(fields) != width:
             raise UserError("%s line %d has %d fields, expected %d" % (name, line, len(fields), width))
         for k, c in enumerate(columns):
-            v = _number(fields[c])
+            v = parse_number(fields[c])
             if v is None:
                 raise UserError("%s line %d, %s: %r is not a number" % (name, line, column_name(c), fields[c]))
             values[r, k] = v

@@ -197,3 +197,32 @@ def test_csv_headers_are_read_by_ink_name_or_in_order_and_ambiguous_ones_refused
     for header, inks in (("C,M,K,Y,O,G", 6), ("K,C,M,X", 4), ("C,C,Y,K", 4), ("CMYK_C,CMYK_M,CMYK_Y,6CLR_5", 4)):
         with pytest.raises(UserError, match="^h: the header"):
             _ink_columns(header.split(","), inks, "h")
+
+
+def test_numbers_in_tables_and_options_are_plain_decimals(tmp_path):
+    # float() reads "1_0" as 10 and Arabic-Indic digits as digits; no other
+    # tool that reads the same CSV would, so the row is refused, not predicted.
+    for text in ("1_0", "\u0661\u0660", "0x10"):
+        inks = tmp_path / "inks.csv"
+        inks.write_text("C,M,Y,K\n%s,20,30,40\n" % text)
+        failed_cleanly(run("predict", inks, "--format", "csv"), "inks.csv")
+    colours = tmp_path / "colours.csv"
+    colours.write_text("50,0,0\n5_0,0,0\n")
+    failed_cleanly(run("separate", colours), "colours.csv", "line 2")
+    result = run("fit", CHART, "--grid", "0,4_0,100", "--out", tmp_path / "m.kelma")
+    assert result.returncode == 1 and b"--grid" in result.stderr, result.stderr
+    # What plain decimals look like still reads, blanks and exponents included.
+    sys.path.insert(0, str(ROOT / "cli"))
+    from kelma_cli.common import parse_number
+    assert [parse_number(t) for t in (" 12.5 ", "-.5", "1e-3", "+7.", "40")] == [12.5, -0.5, 1e-3, 7.0, 40.0]
+    assert all(parse_number(t) is None for t in ("", "e3", "1e", "+", "1.2.3", "1 2"))
+
+
+def test_black_limits_without_black_point_compensation_are_refused(tmp_path):
+    # --tac and --max-black only bound the black that --bpc maps; without
+    # --bpc they would be ignored and the user would think the proof used them.
+    job = tmp_path / "job.tif"
+    cmyk_tiff(job)
+    for option in (["--tac", "260"], ["--max-black", "80"]):
+        failed_cleanly(run("proof", job, tmp_path / "p.png", *option), option[0], "no --bpc")
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["job.tif"]

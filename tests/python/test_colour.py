@@ -166,6 +166,9 @@ class TestInkLevels:
             kelma.digital_levels([50, 120])
         with pytest.raises(ValueError, match="found nan"):
             kelma.digital_levels([np.nan])
+        # Just beyond the limit: the message shows the value, not the limit.
+        with pytest.raises(ValueError, match=r"found 100\.0000001 at"):
+            kelma.digital_levels([100.0000001])
         with pytest.raises(TypeError, match="integer array"):
             kelma.ink_percent([0.5])
         with pytest.raises(ValueError, match="0..255, found 256"):
@@ -181,6 +184,8 @@ class TestStatisticsAndEvaluation:
         assert s["median"] == np.median(v) and s["max"] == v.max()
         assert s["p95"] == pytest.approx(np.percentile(v, 95), rel=1e-14)
         assert np.isnan(kelma.statistics([1.0, np.nan])["p95"])
+        with pytest.raises(ValueError, match="values holds no value"):
+            kelma.statistics([])
 
     def test_evaluation_equals_the_colour_core_chain(self, chart):
         model = kelma.default_press_model()
