@@ -34,6 +34,14 @@ def parse_number(text):
     return float(text) if _NUMBER.fullmatch(text) else None
 
 
+def number_text(v):
+    """v in a message: whole numbers as integers (150), others as the
+    shortest text that reads back as v (100.0000001, 1e+39), as the library's
+    messages write them, so a value just beyond a limit never reads as the limit."""
+    v = float(v)
+    return "%d" % v if v.is_integer() and abs(v) < 1e16 else repr(v)
+
+
 class Step:
     """Prints a step, a progress line every 2 s while it runs, and its time."""
 
@@ -104,13 +112,13 @@ def check_ink_amounts(values, digital, where):
         bad = ~np.isfinite(values) | (values < 0) | (values > 255) | (values != np.floor(values))
         if bad.any():
             r, c = np.argwhere(bad)[0]
-            raise UserError("%s holds %g; --digital takes whole levels 0-255" % (where(r, c), values[r, c]))
+            raise UserError("%s holds %s; --digital takes whole levels 0-255" % (where(r, c), number_text(values[r, c])))
         return
     bad = ~np.isfinite(values) | (values < 0) | (values > 100)
     if bad.any():
         r, c = np.argwhere(bad)[0]
-        raise UserError("%s holds %g; ink amounts are percent 0-100 (give 0-255 levels with --digital)"
-                        % (where(r, c), values[r, c]))
+        raise UserError("%s holds %s; ink amounts are percent 0-100 (give 0-255 levels with --digital)"
+                        % (where(r, c), number_text(values[r, c])))
 
 
 def read_chart(path, required="spectra", extrapolate=False):

@@ -7,7 +7,8 @@ import numpy as np
 
 import kelma
 
-from .common import UserError, add_colorimetry_options, check_separation_limits, load_model, parse_number
+from .common import (UserError, add_colorimetry_options, check_separation_limits, load_model, number_text,
+                     parse_number)
 from .tables import STDIO, check_output_path, emit
 
 
@@ -60,8 +61,8 @@ def read_colours(path):
             raise UserError("%s line %d: L*, a*, b* must be finite numbers, got %r" % (p, number, text))
         big = [v for v in values if abs(v) > FLOAT32_MAX]
         if big:
-            raise UserError("%s line %d: %g is outside the range of a 32-bit float, in which colours are separated"
-                            % (p, number, big[0]))
+            raise UserError("%s line %d: %s is outside the range of a 32-bit float, in which colours are separated"
+                            % (p, number, number_text(big[0])))
         rows.append(values)
     if not rows:
         raise UserError("%s holds no colour" % p)

@@ -221,7 +221,7 @@ def read_ink_table(path, inks, digital=False, whitespace=False):
         ids.append(fields[id_col] if id_col is not None else str(r + 1))
         lines.append(line)
     check_ink_amounts(values, digital,
-                   lambda r, k: "%s line %d, %s" % (name, lines[r], column_name(columns[k])))
+                      lambda r, k: "%s line %d, %s" % (name, lines[r], column_name(columns[k])))
     if digital:
         levels = values.astype(np.uint8)
         return InkTable(ids, standard_channel_names(inks), levels, kelma.ink_percent(levels))

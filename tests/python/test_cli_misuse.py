@@ -98,6 +98,9 @@ def test_device_values_outside_0_to_100_percent_are_refused_by_evaluate_as_by_pr
     failed_cleanly(run("fit", chart, "--grid", "0,40,100", "--out", tmp_path / "m.kelma"), "chart.txt", "150")
     negative = chart_with_device_value(tmp_path, 6, 1, "-5")
     failed_cleanly(run("evaluate", "default", negative), "chart.txt", "CMYK_C", "-5")
+    # Just beyond 100 %: the message shows the value, not the limit.
+    beyond = chart_with_device_value(tmp_path, 6, 1, "100.0000001")
+    failed_cleanly(run("evaluate", "default", beyond), "chart.txt", "CMYK_C", "holds 100.0000001;")
 
 
 @pytest.mark.parametrize("header", [
