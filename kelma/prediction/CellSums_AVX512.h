@@ -96,6 +96,95 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void BuildMonomials_AVX512(const 
     for (int b = 0; b < Z; ++b) _mm512_store_ps(mono + 16 * b, z[b]);
 }
 
+// The sums of two 7-ink samples a and b of one cell, each row loaded once for
+// both. One sample's monomial costs three loads (two row halves and the
+// broadcast) or two loads and a permute on a vector pipe, with two multiplies
+// and two adds; two samples share the row halves, so a pair costs four loads
+// and eight vector operations, and the multiplies and adds, not the loads,
+// set the pace. Each sample's products and adds are the single-sample tree's
+// (the scalar twin's), so a pair gives the bits of two single samples.
+//
+// Lane l (0..3) of the monomial vectors is a loop of four turns, each a
+// 32-leaf tree over rows l 32 .. l 32 + 31 (corners 4 i + l), a quarter of
+// the code of the unrolled 128 leaves; the loop adds the lanes' trees in the
+// twin's order ((P0 + P1) + P2) + P3. The monomials are broadcast from memory:
+// the 16 vectors of two samples' monomials would not fit in the registers
+// beside the tree's partial sums.
+struct ZKSPairHalves_AVX512 {
+    __m512 alo, ahi, blo, bhi;
+};
+
+// Leaves [Lo, Hi) of one lane's tree for both samples; leaf i reads row i at
+// `rows` and the monomials at ma[4 i] and mb[4 i].
+template <int Lo, int Hi>
+struct PairLaneTree_AVX512 {
+    KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSPairHalves_AVX512 Sum(const float* rows, const float* ma,
+                                                                                   const float* mb) {
+        constexpr int Mid = (Lo + Hi) / 2;
+        const ZKSPairHalves_AVX512 x = PairLaneTree_AVX512<Lo, Mid>::Sum(rows, ma, mb);
+        const ZKSPairHalves_AVX512 y = PairLaneTree_AVX512<Mid, Hi>::Sum(rows, ma, mb);
+        __m512 alo = _mm512_add_ps(x.alo, y.alo);
+        __m512 ahi = _mm512_add_ps(x.ahi, y.ahi);
+        __m512 blo = _mm512_add_ps(x.blo, y.blo);
+        __m512 bhi = _mm512_add_ps(x.bhi, y.bhi);
+        // Pinned where the tree puts them, as in the single-sample 7-ink tree.
+        __asm__("" : "+v"(alo), "+v"(ahi), "+v"(blo), "+v"(bhi));
+        return {alo, ahi, blo, bhi};
+    }
+};
+template <int I>
+struct PairLaneTree_AVX512<I, I + 1> {
+    KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE static inline ZKSPairHalves_AVX512 Sum(const float* rows, const float* ma,
+                                                                                   const float* mb) {
+        const float* row = rows + I * kLaneRow;
+        __m512 lo = _mm512_load_ps(row);
+        __m512 hi = _mm512_load_ps(row + 16);
+        // Held in registers: left to itself the compiler folds each load into
+        // both multiplies and reads the row twice.
+        __asm__("" : "+v"(lo), "+v"(hi));
+        const __m512 a = _mm512_set1_ps(ma[4 * I]);
+        const __m512 b = _mm512_set1_ps(mb[4 * I]);
+        __m512 alo = _mm512_mul_ps(lo, a);
+        __m512 ahi = _mm512_mul_ps(hi, a);
+        __m512 blo = _mm512_mul_ps(lo, b);
+        __m512 bhi = _mm512_mul_ps(hi, b);
+        __asm__("" : "+v"(alo), "+v"(ahi), "+v"(blo), "+v"(bhi));
+        return {alo, ahi, blo, bhi};
+    }
+};
+
+// The 31 sums of 7-ink samples a and b, which lie in one cell: out[0], out[1]
+// = a's lo and hi (as CellSums_AVX512<32>), out[2], out[3] = b's.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
+                                                                        const float* laneRows, const unsigned char* a,
+                                                                        const unsigned char* b, __m512* out) {
+    float wa[7], wb[7];
+    const std::uint32_t q = LocateSample<7>(lut, a, wa);
+    LocateSample<7>(lut, b, wb);
+    alignas(64) float monoA[128], monoB[128];
+    BuildMonomials_AVX512<32>(wa, monoA);
+    BuildMonomials_AVX512<32>(wb, monoB);
+    const float* rows = laneRows + static_cast<std::size_t>(q) * 128 * kLaneRow;
+    // Opaque pointers: the broadcasts stay loads, not permutes of the
+    // monomial vectors still in registers.
+    const float* ma = monoA;
+    const float* mb = monoB;
+    __asm__("" : "+r"(ma), "+r"(mb));
+    ZKSPairHalves_AVX512 sum = PairLaneTree_AVX512<0, 32>::Sum(rows, ma, mb);
+#pragma GCC unroll 1
+    for (int l = 1; l < 4; ++l) {
+        const ZKSPairHalves_AVX512 p = PairLaneTree_AVX512<0, 32>::Sum(rows + l * 32 * kLaneRow, ma + l, mb + l);
+        sum.alo = _mm512_add_ps(sum.alo, p.alo);
+        sum.ahi = _mm512_add_ps(sum.ahi, p.ahi);
+        sum.blo = _mm512_add_ps(sum.blo, p.blo);
+        sum.bhi = _mm512_add_ps(sum.bhi, p.bhi);
+    }
+    out[0] = sum.alo;
+    out[1] = sum.ahi;
+    out[2] = sum.blo;
+    out[3] = sum.bhi;
+}
+
 // The 31 sums of one sample of N = log2(4 NV) inks: lo = wavelengths 0-15,
 // hi = 16-30 and 0.0 in lane 15. `laneRows` is 64-byte aligned.
 template <int NV>

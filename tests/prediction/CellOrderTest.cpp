@@ -31,7 +31,8 @@ std::uint32_t CellFromGrid(const kelma_test::ZKSTestModel& tm, const unsigned ch
 }  // namespace
 
 // The visiting order is a permutation of the block, by ascending cell and in
-// input order within a cell, for full and partial blocks.
+// input order within a cell, with each position's cell, for full and partial
+// blocks.
 TEST(CellOrder, SortsABlockByCellAndKeepsInputOrderWithinACell) {
     const kelma_test::ZKSTestModel tm = MakeTestModel(7, 3, 2.0, 5);
     const ZKCSSE_KELMA_Data model = tm.Build();
@@ -42,15 +43,17 @@ TEST(CellOrder, SortsABlockByCellAndKeepsInputOrderWithinACell) {
     for (unsigned int k = 0; k < 7; ++k) samples[7 + k] = 0;      // the first
     for (unsigned int count : {kCellOrderBlock, 1u, 2u, 777u}) {
         std::vector<std::uint16_t> order(count, 0xFFFF);
-        CellOrder<7>(model.EffectiveRampsLUT().data(), 128, samples.data(), count, order.data());
+        std::vector<std::uint16_t> cells(count, 0xFFFF);
+        CellOrder<7>(model.EffectiveRampsLUT().data(), 128, samples.data(), count, order.data(), cells.data());
         std::vector<bool> seen(count, false);
         for (unsigned int j = 0; j < count; ++j) {
             ASSERT_LT(order[j], count);
             ASSERT_FALSE(seen[order[j]]) << "sample " << order[j] << " visited twice";
             seen[order[j]] = true;
+            const std::uint32_t cell = CellFromGrid(tm, &samples[order[j] * 7u]);
+            ASSERT_EQ(cells[j], cell) << "position " << j << " of " << count;
             if (j == 0) continue;
             const std::uint32_t before = CellFromGrid(tm, &samples[order[j - 1] * 7u]);
-            const std::uint32_t cell = CellFromGrid(tm, &samples[order[j] * 7u]);
             ASSERT_LE(before, cell) << "position " << j << " of " << count;
             if (before == cell) {
                 ASSERT_LT(order[j - 1], order[j]) << "position " << j << " of " << count;
