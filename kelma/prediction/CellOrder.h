@@ -11,8 +11,8 @@
 //
 // Block size, measured with the 7-ink kernel (128 cells) on AVX-512: 512
 // samples (4 per cell) run at 0.64 of 2048 (16 per cell), 8192 (64 per cell)
-// at 1.07 and 32768 at 0.97, where the records written in cell order spread
-// over 4 MiB.
+// at 1.07 and 32768 at 0.93-0.97, where the records written in cell order
+// spread over 4 MiB.
 #pragma once
 
 #include <cstdint>
