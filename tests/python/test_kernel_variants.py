@@ -237,3 +237,27 @@ def test_lists_that_leave_the_grid_uncovered_need_extrapolate():
     # Neither end reaches the grid: refused even when asked to extrapolate.
     with pytest.raises(ValueError, match="wavelengths"):
         kelma.resample(y, np.linspace(420.0, 680.0, 18), "spline", extrapolate=True)
+
+
+def test_command_line_outputs_are_the_same_in_every_variant(tmp_path):
+    # The command line imports the module, so KELMA_KERNELS reaches it too:
+    # predictions of the whole chart (threaded) and a spline resampling of
+    # its measured spectra are the same files in every variant.
+    root = os.path.abspath(os.path.join(HERE, "..", ".."))
+    cli = os.path.join(root, "cli", "kelma")
+    chart = os.path.join(root, "data", "aptec_pc10", "APTEC_PC10_CardBoard_2023_v1_Spectral.txt")
+    best = _best()
+    outputs = {}
+    for variant in VARIANTS[:VARIANTS.index(best) + 1]:
+        env = dict(os.environ, KELMA_KERNELS=variant)
+        files = []
+        for args in (["predict", chart, "--format", "csv", "--output", "lab,lab2000hl,xyz,spectra",
+                      "--illuminant", "F11", "--relative", "paper"],
+                     ["resample", chart, "-", "--method", "spline", "--format", "csv"]):
+            run = subprocess.run([sys.executable, cli, *args], env=env, capture_output=True, timeout=300)
+            assert run.returncode == 0, run.stderr.decode()
+            assert run.stdout.count(b"\n") > 1617, run.stdout[:200]
+            files.append(run.stdout)
+        outputs[variant] = files
+    for variant, files in outputs.items():
+        assert files == outputs["reference"], variant
