@@ -96,4 +96,18 @@ void ZKCWorkerCLUT_Thread::Calculate() {
     threads_->JoinAll(active_);
 }
 
+void ZKCWorkerCLUT_Thread::CalculateOnCallingThread(const unsigned char* input, unsigned char* output,
+                                                    unsigned long count) {
+    active_ = 0;
+    if (count == 0) return;
+    workers_[0]->SetBuffers(input, output, count);
+    (*workers_[0])();
+}
+
+bool ZKCWorkerCLUT_Thread::WorthThreads(unsigned long count) {
+    constexpr unsigned long kCallingThreadPixels = 1ul << 14;
+    // The processor count last: asking the system costs microseconds.
+    return count > kCallingThreadPixels && CPUCount() > 1;
+}
+
 }  // namespace KELMA_NAMESPACE

@@ -53,6 +53,16 @@ public:
     void Init(const unsigned char* input, unsigned char* output, unsigned long count);
     // Runs the used workers in parallel and waits for all of them.
     void Calculate();
+    // The count pixels at input through the first worker on the calling
+    // thread: no thread. For small batches, where starting threads costs more
+    // than the work; the bytes are Init and Calculate's (each pixel depends
+    // on itself alone). Re-points the first worker as Init does, so a later
+    // Calculate needs an Init first (until then it runs no worker).
+    void CalculateOnCallingThread(const unsigned char* input, unsigned char* output, unsigned long count);
+    // Whether `count` pixels are worth the threads rather than the calling
+    // thread: more than one processor and more than 16384 pixels (about
+    // 40-70 us of work on one core, the cost of starting a thread).
+    static bool WorthThreads(unsigned long count);
 
     // Bytes a node array needs: (n^d + ... + n + 1) * outputChannels, d = inputChannels.
     static std::size_t NodeArrayBytes(unsigned long inputChannels, unsigned long outputChannels,

@@ -15,24 +15,44 @@ ZKCSpectralSampling_Thread::~ZKCSpectralSampling_Thread() { threads_.JoinAllNoTh
 
 unsigned int ZKCSpectralSampling_Thread::CPUCount() { return KELMA_NAMESPACE::CPUCount(); }
 
+namespace {
+
+// One worker of the method for the list; validates it.
+std::unique_ptr<ZKCSpectralSampling_Base> MakeWorker(const std::vector<double>& wavelengths,
+                                                     SPECTRALSAMPLING_METHOD method) {
+    switch (method) {
+        case SPECTRALSAMPLING_LINEAR:
+            return std::make_unique<ZKCSpectralSampling_Linear>(wavelengths);
+        case SPECTRALSAMPLING_CUBICSPLINE:
+            return std::make_unique<ZKCSpectralSampling_CubicSpline>(wavelengths);
+        default:
+            throw kErrorDefaultCase;
+    }
+}
+
+}  // namespace
+
 void ZKCSpectralSampling_Thread::ThreadDistribution(const std::vector<double>& wavelengths) {
     const unsigned int n = CPUCount();
     workers_.clear();
     workers_.resize(n);
     threads_.Resize(n);
-    for (auto& worker : workers_) {
-        switch (method_) {
-            case SPECTRALSAMPLING_LINEAR:
-                worker.reset(new ZKCSpectralSampling_Linear(wavelengths));
-                break;
-            case SPECTRALSAMPLING_CUBICSPLINE:
-                worker.reset(new ZKCSpectralSampling_CubicSpline(wavelengths));
-                break;
-            default:
-                throw kErrorDefaultCase;
-        }
-    }
+    for (auto& worker : workers_) worker = MakeWorker(wavelengths, method_);
     bands_ = static_cast<unsigned long>(workers_.front()->Wavelengths().size());
+}
+
+void ZKCSpectralSampling_Thread::CalculateOnCallingThread(const std::vector<double>& wavelengths,
+                                                          SPECTRALSAMPLING_METHOD method, const float* in,
+                                                          float* out, unsigned long count) {
+    const std::unique_ptr<ZKCSpectralSampling_Base> worker = MakeWorker(wavelengths, method);
+    worker->Init(in, out, count);
+    worker->Calculate();
+}
+
+bool ZKCSpectralSampling_Thread::WorthThreads(unsigned long count) {
+    constexpr unsigned long kCallingThreadSpectra = 1024;
+    // The processor count last: asking the system costs microseconds.
+    return count > kCallingThreadSpectra && CPUCount() > 1;
 }
 
 void ZKCSpectralSampling_Thread::Init(const float* in, float* out, unsigned long count) {

@@ -43,6 +43,18 @@ public:
     // Output does not depend on the number of threads.
     void Calculate();
 
+    // The same resampling on the calling thread with one worker: no thread,
+    // no worker per processor. For small batches, where preparing the workers
+    // and starting threads cost more than the work; the output does not
+    // depend on the split, so it is the driver's bit for bit. Throws what the
+    // constructor throws; `in` and `out` as for Init.
+    static void CalculateOnCallingThread(const std::vector<double>& wavelengths, SPECTRALSAMPLING_METHOD method,
+                                         const float* in, float* out, unsigned long count);
+    // Whether `count` spectra are worth the driver rather than the calling
+    // thread: more than one processor and more than 1024 spectra (about
+    // 30-40 us of work on one core, the cost of starting a thread).
+    static bool WorthThreads(unsigned long count);
+
     SPECTRALSAMPLING_METHOD Method() const { return method_; }
     unsigned int WorkerCount() const { return static_cast<unsigned int>(workers_.size()); }
     unsigned int ThreadsInUse() const { return used_; }

@@ -153,6 +153,37 @@ TEST(ClutThread, ResultIndependentOfThreadsSlicesAndBatches) {
     }
 }
 
+// The calling-thread entry gives Init and Calculate's bytes for every shape
+// and count, and leaves nothing for a later Calculate to run on its buffers.
+TEST(ClutThread, CallingThreadGivesTheThreadsBytesAndDisarmsCalculate) {
+    kelma_test::ScopedCPUCount cpus(3);
+    struct Case {
+        unsigned in, out;
+        bool lab;
+        std::uint32_t n;
+    } cases[] = {{4, 3, false, 9}, {3, 3, false, 17}, {3, 4, true, 5}, {3, 7, false, 9}};
+    for (const Case& c : cases) {
+        auto nodes = clut_test::RandomNodes(c.n, c.in, c.out, 70 + c.n);
+        ZKCWorkerCLUT_Thread driver(nodes.data(), c.in, c.out, static_cast<CLUT_ACCURACY>(c.n), c.lab);
+        for (std::size_t count : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{1000}}) {
+            auto px = clut_test::TestPixels(c.in, std::max<std::size_t>(count, 1), 71 + count);
+            std::vector<std::uint8_t> threaded(count * c.out + 1, 0x5A), direct(count * c.out + 1, 0x5A);
+            driver.Init(px.data(), threaded.data(), count);
+            driver.Calculate();
+            driver.CalculateOnCallingThread(px.data(), direct.data(), count);
+            ASSERT_EQ(direct, threaded) << c.in << "x" << c.out << ", " << count << " pixels";
+            EXPECT_EQ(driver.ActiveCount(), 0u);
+            std::fill(direct.begin(), direct.end(), 0x5A);
+            driver.Calculate();  // no Init since: runs no worker, writes nothing
+            EXPECT_EQ(direct, std::vector<std::uint8_t>(direct.size(), 0x5A));
+        }
+    }
+    EXPECT_FALSE(ZKCWorkerCLUT_Thread::WorthThreads(1u << 14));
+    EXPECT_TRUE(ZKCWorkerCLUT_Thread::WorthThreads((1u << 14) + 1));
+    kelma_test::ScopedCPUCount one(1);
+    EXPECT_FALSE(ZKCWorkerCLUT_Thread::WorthThreads(1u << 30));
+}
+
 TEST(ClutThread, CopiesShareTheirWorkers) {
     kelma_test::ScopedCPUCount cpus(2);
     auto nodes = clut_test::RandomNodes(5, 3, 3, 1);

@@ -454,3 +454,40 @@ TEST(SpectralSamplingThread, InitCanBeRepeatedWithNewBuffers) {
     EXPECT_EQ(std::memcmp(outA.data(), expectedA.data(), outA.size() * sizeof(float)), 0);
     EXPECT_EQ(std::memcmp(outB.data(), expectedB.data(), outB.size() * sizeof(float)), 0);
 }
+
+// The calling-thread entry: the driver's bits, the slot-31 pad untouched, the
+// constructor's refusals, and the small/large boundary of WorthThreads.
+TEST(SpectralSamplingThread, CallingThreadGivesTheDriversBitsAndRefusals) {
+    kelma_test::ScopedCPUCount forced(3);
+    for (auto method : {SPECTRALSAMPLING_LINEAR, SPECTRALSAMPLING_CUBICSPLINE}) {
+        for (const auto& list : {Grid(380, 730, 10), Grid(404, 760, 8)}) {
+            for (std::size_t count : {std::size_t{0}, std::size_t{1}, std::size_t{7}, std::size_t{1025}}) {
+                std::vector<float> in = RandomInput(std::max<std::size_t>(count, 1), list.size(), 7 + count);
+                AlignedBuffer<float> expected = RunDriver(list, method, in, count);
+                AlignedBuffer<float> out = Output(count);
+                ZKCSpectralSampling_Thread::CalculateOnCallingThread(list, method, in.data(), out.data(), count);
+                ASSERT_EQ(std::memcmp(out.data(), expected.data(), out.size() * sizeof(float)), 0)
+                    << "method " << method << ", " << count << " spectra";
+            }
+        }
+        float none[32];
+        EXPECT_EQ(kelma_test::ThrownText([&] {
+                      ZKCSpectralSampling_Thread::CalculateOnCallingThread(Grid(410, 690, 10), method, none, none, 0);
+                  }),
+                  "Invalid wavelength range");
+        EXPECT_EQ(kelma_test::ThrownText([&] {
+                      ZKCSpectralSampling_Thread::CalculateOnCallingThread({550.0}, method, none, none, 0);
+                  }),
+                  "Wavelength-list has less than 2 elements");
+    }
+    EXPECT_EQ(kelma_test::ThrownText([] {
+                  float none[32];
+                  ZKCSpectralSampling_Thread::CalculateOnCallingThread(
+                      Grid(380, 730, 10), static_cast<SPECTRALSAMPLING_METHOD>(2), none, none, 0);
+              }),
+              "DefaultCase");
+    EXPECT_FALSE(ZKCSpectralSampling_Thread::WorthThreads(1024));
+    EXPECT_TRUE(ZKCSpectralSampling_Thread::WorthThreads(1025));
+    kelma_test::ScopedCPUCount one(1);
+    EXPECT_FALSE(ZKCSpectralSampling_Thread::WorthThreads(1u << 30));
+}
