@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <type_traits>
 
 #include "common.h"
 #include "model.h"
@@ -75,11 +76,21 @@ Pixels PreparePixels(const py::object& pixels, const py::object& outObj, unsigne
     return {in, out, count};
 }
 
+// A table's small batch (any batch on one processor) runs on this thread,
+// without threads it cannot use; the sub-model dispatcher runs its driver.
 template <class Driver>
 void Apply(Driver& driver, const std::uint8_t* in, std::uint8_t* out, std::size_t count, unsigned inputs,
            unsigned outputs) {
+    bool here = false;
+    if constexpr (std::is_same_v<Driver, ZKCWorkerCLUT_Thread>) here = !ZKCWorkerCLUT_Thread::WorthThreads(count);
     for (std::size_t start = 0; start < count; start += kMaxPixels) {
         const std::size_t c = std::min(kMaxPixels, count - start);
+        if constexpr (std::is_same_v<Driver, ZKCWorkerCLUT_Thread>) {
+            if (here) {
+                driver.CalculateOnCallingThread(in + start * inputs, out + start * outputs, c);
+                continue;
+            }
+        }
         driver.Init(in + start * inputs, out + start * outputs, c);
         driver.Calculate();
     }

@@ -29,29 +29,45 @@ std::string Range(const std::vector<double>& w) {
     return s.str();
 }
 
-// A driver for this list, the library's own checks reported with what is expected.
-std::unique_ptr<kelma::ZKCSpectralSampling_Thread> Sampler(const std::vector<double>& w,
-                                                           kelma::SPECTRALSAMPLING_METHOD method) {
-    std::string context;
-    if (w.size() < 2) {
-        context = "wavelengths must list at least 2 values (nm), got " + std::to_string(w.size());
-    } else {
-        context = "wavelengths must start at or below 400 nm or end at or above 700 nm, got " + Range(w);
-    }
-    return WithContext(context, [&] { return std::make_unique<kelma::ZKCSpectralSampling_Thread>(w, method); });
+// What the library's own checks of a list mean, said with what is expected.
+std::string ListContext(const std::vector<double>& w) {
+    if (w.size() < 2) return "wavelengths must list at least 2 values (nm), got " + std::to_string(w.size());
+    return "wavelengths must start at or below 400 nm or end at or above 700 nm, got " + Range(w);
 }
 
-// Resamples count spectra of n floats into count x 31 floats through 32-float records.
-void ResampleInto(kelma::ZKCSpectralSampling_Thread& sampler, const float* in, std::size_t n, std::size_t count,
-                  float* out) {
+// Resamples count spectra of n floats into count x 31 floats through 32-float
+// records: a small batch on this thread (no worker per processor, no thread),
+// a large one through the driver, in chunks.
+void ResampleInto(const std::vector<double>& w, kelma::SPECTRALSAMPLING_METHOD method, const float* in,
+                  std::size_t count, float* out) {
+    using kelma::ZKCSpectralSampling_Thread;
+    const std::size_t n = w.size();
     constexpr std::size_t kChunk = std::size_t(1) << 16;
     kelma::AlignedBuffer<float> records(std::min(count, kChunk) * kStride);
-    for (std::size_t start = 0; start < count; start += kChunk) {
-        const std::size_t c = std::min(kChunk, count - start);
-        sampler.Init(in + start * n, records.data(), c);
-        sampler.Calculate();
+    auto copyOut = [&](std::size_t start, std::size_t c) {
         for (std::size_t i = 0; i < c; ++i)
             std::memcpy(out + (start + i) * kValues, records.data() + i * kStride, kValues * sizeof(float));
+    };
+    if (!ZKCSpectralSampling_Thread::WorthThreads(count)) {
+        // Validates the list even for an empty batch, as the driver does.
+        std::size_t start = 0;
+        do {
+            const std::size_t c = std::min(kChunk, count - start);
+            WithContext(ListContext(w), [&] {
+                ZKCSpectralSampling_Thread::CalculateOnCallingThread(w, method, in + start * n, records.data(), c);
+                return 0;
+            });
+            copyOut(start, c);
+            start += c;
+        } while (start < count);
+        return;
+    }
+    auto sampler = WithContext(ListContext(w), [&] { return std::make_unique<ZKCSpectralSampling_Thread>(w, method); });
+    for (std::size_t start = 0; start < count; start += kChunk) {
+        const std::size_t c = std::min(kChunk, count - start);
+        sampler->Init(in + start * n, records.data(), c);
+        sampler->Calculate();
+        copyOut(start, c);
     }
 }
 
@@ -93,8 +109,7 @@ py::array_t<float> Resample(const py::object& spectraObj, const py::object& wave
     float* o = out.mutable_data();
     {
         py::gil_scoped_release release;
-        auto sampler = Sampler(w, method);
-        ResampleInto(*sampler, in, n, count, o);
+        ResampleInto(w, method, in, count, o);
     }
     return out;
 }
@@ -161,10 +176,10 @@ wavelengths: n strictly ascending wavelengths in nm (n >= 2), within
     convert them).
 method: 'linear' (piecewise linear) or 'spline' (cubic spline with zero
     slope at both ends).
-extrapolate: the list must reach to within 10 nm of 400 nm and of 700 nm;
-    with extrapolate=True it need only start at or below 400 nm or end at or
-    above 700 nm, and grid wavelengths outside it are extrapolated from its
-    first or last interval.
+extrapolate: the list must always start at or below 400 nm or end at or
+    above 700 nm (405-695 nm is refused); without extrapolate it must also
+    reach to within 10 nm of 400 nm and of 700 nm. Grid wavelengths outside
+    the list are extrapolated from its first or last interval.
 Returns float32 (..., 31).)doc");
 
     py::class_<kelma::ZKCMeasurementFile, FilePtr>(m, "MeasurementFile", R"doc(
@@ -180,7 +195,8 @@ MeasurementFile(path, required='spectra', *, extrapolate=False)
     extrapolate: resample() refuses spectra whose wavelengths leave more than
         10 nm of 400-700 nm uncovered at either end, unless this is True
         (grid wavelengths outside the file's range are then extrapolated
-        from its first or last interval).
+        from its first or last interval). Either way the wavelengths must
+        start at or below 400 nm or end at or above 700 nm.
 Every value must be a finite number within float32 range; spectral fields
 must name wavelengths of 300-1100 nm and hold reflectance factors (-0.1 to 2;
 percent is refused). Problems with the file raise kelma.MeasurementError (a

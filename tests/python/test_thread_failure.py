@@ -68,6 +68,8 @@ SMALL_SCRIPT = textwrap.dedent("""
     one4, few4 = rng.integers(0, 256, (1, 4), dtype=np.uint8), rng.integers(0, 256, (16, 4), dtype=np.uint8)
     one7 = rng.integers(0, 256, (1, 7), dtype=np.uint8)
     clut = kelma.Clut.from_nodes(rng.integers(0, 256, (9, 9, 9, 9, 3), dtype=np.uint8))
+    clut3 = kelma.Clut.from_nodes(rng.integers(0, 256, (17, 17, 17, 7), dtype=np.uint8))
+    rng3 = rng.integers(0, 256, (1000, 3), dtype=np.uint8)
     lm = kelma.LightingMatrix("D50", 2)
     spectrum = rng.random((1, 31)).astype(np.float32)
     w = np.arange(380.0, 731.0, 10.0)
@@ -81,6 +83,10 @@ SMALL_SCRIPT = textwrap.dedent("""
         "predict_lab, 1 sample": lambda: kelma.predict_lab(press, one4, illuminant=1, media_relative=True),
         "predict_xyz, 1 sample": lambda: kelma.predict_xyz(press, one4),
         "LightingMatrix.xyz, 1 spectrum": lambda: lm.xyz(spectrum),
+        "resample, 1 spectrum, spline": lambda: kelma.resample(measured, w, "spline"),
+        "resample, 1000 spectra, linear": lambda: kelma.resample(np.tile(measured, (1000, 1)), w, "linear"),
+        "Clut.apply, 1 pixel, 4 inputs": lambda: clut.apply(one4),
+        "Clut.apply, 1000 pixels, 3 inputs": lambda: clut3.apply(rng3),
     }
     def same(a, b):
         return np.array_equal(a.view(np.uint8), b.view(np.uint8))
