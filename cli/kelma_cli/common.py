@@ -103,7 +103,8 @@ def add_extrapolate_option(parser):
     """--extrapolate, for every subcommand that reads a chart's spectra."""
     parser.add_argument("--extrapolate", action="store_true",
                         help="accept spectra that leave more than 10 nm of 400-700 nm uncovered, extrapolating "
-                             "them from their end intervals (refused otherwise)")
+                             "them from their end intervals (refused otherwise); the wavelengths must still "
+                             "start at or below 400 nm or end at or above 700 nm")
 
 
 def check_ink_amounts(values, digital, where):

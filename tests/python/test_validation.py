@@ -237,6 +237,14 @@ class TestResampleArguments:
         with pytest.raises(ValueError, match=match):
             kelma.resample(spectra, wavelengths, method)
 
+    def test_a_list_short_of_both_ends_is_refused_even_when_extrapolating(self):
+        # Within 10 nm of both ends passes the coverage rule, not the library's range rule.
+        w = np.arange(405.0, 696.0, 5.0)
+        for count in (1, 5000):  # on the calling thread and through the driver
+            for extrapolate in (False, True):
+                with pytest.raises(ValueError, match="got 405..695 nm.*Invalid wavelength range"):
+                    kelma.resample(np.full((count, len(w)), 0.5), w, "spline", extrapolate=extrapolate)
+
     def test_lenient_range_is_kept(self):
         # A list may end below 700 nm when it starts at or below 400 nm.
         out = kelma.resample(np.array([[0.0, 1.0, 2.0]]), [380.0, 500.0, 690.0])
