@@ -229,3 +229,15 @@ def test_black_limits_without_black_point_compensation_are_refused(tmp_path):
     for option in (["--tac", "260"], ["--max-black", "80"]):
         failed_cleanly(run("proof", job, tmp_path / "p.png", *option), option[0], "no --bpc")
     assert sorted(p.name for p in tmp_path.iterdir()) == ["job.tif"]
+
+
+def test_a_bad_kernel_variant_is_named_without_build_advice(tmp_path):
+    # The module is there but refuses KELMA_KERNELS: the cause, not "build it".
+    env = dict(os.environ, KELMA_KERNELS="avx1024")
+    paths = [os.path.abspath(p) for p in env.get("PYTHONPATH", "").split(os.pathsep) if p]
+    pythonpath = os.pathsep.join([str(ROOT / "cli")] + paths)
+    for command in ([sys.executable, str(CLI), "--help"], [sys.executable, "-m", "kelma_cli", "--help"]):
+        r = subprocess.run(command, capture_output=True, cwd=tmp_path, env=dict(env, PYTHONPATH=pythonpath),
+                           timeout=120)
+        err = failed_cleanly(r, "KELMA_KERNELS is 'avx1024'", "reference, sse2, ssse3, avx2, avx512")
+        assert "build" not in err, err
