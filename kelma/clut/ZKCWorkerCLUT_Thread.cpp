@@ -106,8 +106,7 @@ void ZKCWorkerCLUT_Thread::CalculateOnCallingThread(const unsigned char* input, 
 
 bool ZKCWorkerCLUT_Thread::WorthThreads(unsigned long count) {
     constexpr unsigned long kCallingThreadPixels = 1ul << 14;
-    // The processor count last: asking the system costs microseconds.
-    return count > kCallingThreadPixels && CPUCount() > 1;
+    return KELMA_NAMESPACE::WorthThreads(count, kCallingThreadPixels);
 }
 
 }  // namespace KELMA_NAMESPACE

@@ -130,8 +130,7 @@ void ZKCSSE_KELMA_Thread::CalculateOnCallingThread(const ZKCSSE_KELMA_Data& data
 
 bool ZKCSSE_KELMA_Thread::WorthThreads(const ZKCSSE_KELMA_Data& data, unsigned long count) {
     constexpr unsigned long kCallingThreadWork = 1ul << 15;
-    // The processor count last: asking the system costs microseconds.
-    return (count << data.NumberOfInks()) > kCallingThreadWork && CPUCount() > 1;
+    return KELMA_NAMESPACE::WorthThreads(count << data.NumberOfInks(), kCallingThreadWork);
 }
 
 void ZKCSSE_KELMA_Thread::Wait() { threads_.JoinAll(kernels_.size()); }

@@ -51,8 +51,7 @@ void ZKCSpectralSampling_Thread::CalculateOnCallingThread(const std::vector<doub
 
 bool ZKCSpectralSampling_Thread::WorthThreads(unsigned long count) {
     constexpr unsigned long kCallingThreadSpectra = 1024;
-    // The processor count last: asking the system costs microseconds.
-    return count > kCallingThreadSpectra && CPUCount() > 1;
+    return KELMA_NAMESPACE::WorthThreads(count, kCallingThreadSpectra);
 }
 
 void ZKCSpectralSampling_Thread::Init(const float* in, float* out, unsigned long count) {

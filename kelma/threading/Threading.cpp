@@ -26,6 +26,10 @@ void SetCPUCountOverride(unsigned int count) {
     g_cpuCountOverride.store(count, std::memory_order_relaxed);
 }
 
+bool WorthThreads(unsigned long work, unsigned long callingThreadWork) {
+    return work > callingThreadWork && CPUCount() > 1;
+}
+
 std::vector<ZKSWorkShare> SplitWork(unsigned long items, unsigned long workers) {
     std::vector<ZKSWorkShare> shares;
     unsigned long used = workers < items ? workers : items;

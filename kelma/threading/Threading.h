@@ -23,6 +23,11 @@ namespace KELMA_NAMESPACE {
 KELMA_API unsigned int CPUCount();
 KELMA_API void SetCPUCountOverride(unsigned int count);
 
+// Whether a batch of `work` units is worth the drivers' worker threads rather
+// than the calling thread: more than `callingThreadWork` units (the work a
+// thread start costs, in the caller's units) and more than one processor.
+KELMA_API bool WorthThreads(unsigned long work, unsigned long callingThreadWork);
+
 // One contiguous share of a batch: first item and number of items.
 struct ZKSWorkShare {
     unsigned long start;

@@ -44,31 +44,27 @@ void ResampleInto(const std::vector<double>& w, kelma::SPECTRALSAMPLING_METHOD m
     const std::size_t n = w.size();
     constexpr std::size_t kChunk = std::size_t(1) << 16;
     kelma::AlignedBuffer<float> records(std::min(count, kChunk) * kStride);
-    auto copyOut = [&](std::size_t start, std::size_t c) {
-        for (std::size_t i = 0; i < c; ++i)
-            std::memcpy(out + (start + i) * kValues, records.data() + i * kStride, kValues * sizeof(float));
-    };
-    if (!ZKCSpectralSampling_Thread::WorthThreads(count)) {
-        // Validates the list even for an empty batch, as the driver does.
-        std::size_t start = 0;
-        do {
-            const std::size_t c = std::min(kChunk, count - start);
+    std::unique_ptr<ZKCSpectralSampling_Thread> sampler;
+    if (ZKCSpectralSampling_Thread::WorthThreads(count))
+        sampler = WithContext(ListContext(w), [&] { return std::make_unique<ZKCSpectralSampling_Thread>(w, method); });
+    // At least one turn: the calling-thread entry validates the list even for
+    // an empty batch, as the driver's constructor does.
+    std::size_t start = 0;
+    do {
+        const std::size_t c = std::min(kChunk, count - start);
+        if (sampler) {
+            sampler->Init(in + start * n, records.data(), c);
+            sampler->Calculate();
+        } else {
             WithContext(ListContext(w), [&] {
                 ZKCSpectralSampling_Thread::CalculateOnCallingThread(w, method, in + start * n, records.data(), c);
                 return 0;
             });
-            copyOut(start, c);
-            start += c;
-        } while (start < count);
-        return;
-    }
-    auto sampler = WithContext(ListContext(w), [&] { return std::make_unique<ZKCSpectralSampling_Thread>(w, method); });
-    for (std::size_t start = 0; start < count; start += kChunk) {
-        const std::size_t c = std::min(kChunk, count - start);
-        sampler->Init(in + start * n, records.data(), c);
-        sampler->Calculate();
-        copyOut(start, c);
-    }
+        }
+        for (std::size_t i = 0; i < c; ++i)
+            std::memcpy(out + (start + i) * kValues, records.data() + i * kStride, kValues * sizeof(float));
+        start += c;
+    } while (start < count);
 }
 
 py::array_t<float> Resample(const py::object& spectraObj, const py::object& wavelengthsObj,
