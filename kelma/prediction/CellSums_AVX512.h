@@ -154,7 +154,7 @@ struct PairLaneTree_AVX512<I, I + 1> {
 };
 
 // The 31 sums of 7-ink samples a and b, which lie in one cell: out[0], out[1]
-// = a's lo and hi (as CellSums_AVX512<32>), out[2], out[3] = b's.
+// = a's lo and hi (as CellSums_AVX512), out[2], out[3] = b's.
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
                                                                         const float* laneRows, const unsigned char* a,
                                                                         const unsigned char* b, __m512* out) {
@@ -185,19 +185,27 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const ZK
     out[3] = sum.bhi;
 }
 
-// The 31 sums of one sample of N = log2(4 NV) inks: lo = wavelengths 0-15,
-// hi = 16-30 and 0.0 in lane 15. `laneRows` is 64-byte aligned.
+// The cell of one sample of N = log2(4 NV) inks (LocateSample) and its 4 NV
+// monomials, stored to `mono` (64-byte aligned).
 template <int NV>
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const ZKSSSE_EffectiveRampEntry* lut, const float* laneRows,
-                                                const unsigned char* sample, __m512* lo, __m512* hi) {
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline std::uint32_t PrepareSample_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
+                                                                                  const unsigned char* sample,
+                                                                                  float* mono) {
     constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
     float w[N];
     const std::uint32_t q = LocateSample<N>(lut, sample, w);
-    alignas(64) float mono[NV][4];
-    BuildMonomials_AVX512<NV>(w, &mono[0][0]);
-    const float* rows = laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
-    const float* monoLo = &mono[0][0];
-    const float* monoHi = monoLo;
+    BuildMonomials_AVX512<NV>(w, mono);
+    return q;
+}
+
+// The 31 sums of one sample of N = log2(4 NV) inks from its monomials
+// (PrepareSample_AVX512): lo = wavelengths 0-15, hi = 16-30 and 0.0 in lane
+// 15. `rows` points at the sample's cell in the 64-byte aligned lane-major rows.
+template <int NV>
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSums_AVX512(const float* rows, const float* mono, __m512* lo,
+                                                                    __m512* hi) {
+    const float* monoLo = mono;
+    const float* monoHi = mono;
     // 6 inks: hide that monoHi == monoLo (see LaneTree_AVX512).
     if (NV == 16) __asm__("" : "+r"(monoHi));
     const ZKSHalves_AVX512 p0 = LaneTree_AVX512<NV, 0, 0, NV>::Sum(rows, monoLo, monoHi);

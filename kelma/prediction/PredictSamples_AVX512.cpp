@@ -37,13 +37,21 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void PowerAndStore_AVX512(const Z
     _mm512_mask_storeu_ps(out + 16, upper, hi);
 }
 
+// The rows of cell q in the lane-major rows.
+template <int NV>
+inline const float* CellRows(const ZKSPredictionJob& job, std::uint32_t q) {
+    return job.laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
+}
+
 // One sample: its N bytes at `input`, its record at `out`.
 template <int NV>
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void LaneMajorSample_AVX512(const ZKSPredictionJob& job,
                                                                           const ZKSPowerTables_AVX512& T,
                                                                           const unsigned char* input, float* out) {
+    alignas(64) float mono[4 * NV];
+    const std::uint32_t q = PrepareSample_AVX512<NV>(job.lut, input, mono);
     __m512 lo, hi;
-    CellSums_AVX512<NV>(job.lut, job.laneRows, input, &lo, &hi);
+    CellSums_AVX512<NV>(CellRows<NV>(job, q), mono, &lo, &hi);
     PowerAndStore_AVX512(job, T, lo, hi, out);
 }
 
@@ -68,7 +76,22 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
     const ZKSPredictionJob job = caller;
     const ZKSPowerTables_AVX512 T = LoadPowerTables_AVX512();
     const std::size_t stride = job.outStride;
-    for (unsigned int s = 0; s < count; ++s, input += N, out += stride) LaneMajorSample_AVX512<NV>(job, T, input, out);
+    // Each sample's monomials are prepared one sample ahead, into the other
+    // half of a double buffer: the lookups, products and stores of the next
+    // sample then run beside this sample's sums instead of ahead of its first
+    // broadcast. Measured on AVX-512 (Zen 5): 4 inks 13 % faster, 6 inks 2 %.
+    // (The 7-ink pairs of LaneMajorByCell_AVX512 gained nothing from it.)
+    if (count == 0) return;
+    alignas(64) float mono[2][4 * NV];
+    std::uint32_t cell = PrepareSample_AVX512<NV>(job.lut, input, mono[0]);
+    for (unsigned int s = 0; s < count; ++s, input += N, out += stride) {
+        std::uint32_t next = 0;
+        if (s + 1 < count) next = PrepareSample_AVX512<NV>(job.lut, input + N, mono[(s + 1) & 1]);
+        __m512 lo, hi;
+        CellSums_AVX512<NV>(CellRows<NV>(job, cell), mono[s & 1], &lo, &hi);
+        PowerAndStore_AVX512(job, T, lo, hi, out);
+        cell = next;
+    }
 }
 
 // Samples block by block in cell order (CellOrder.h); 7 inks take two
