@@ -96,6 +96,19 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void BuildMonomials_AVX512(const 
     for (int b = 0; b < Z; ++b) _mm512_store_ps(mono + 16 * b, z[b]);
 }
 
+// The cell of one sample of N = log2(4 NV) inks (LocateSample) and its 4 NV
+// monomials, stored to `mono` (64-byte aligned).
+template <int NV>
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline std::uint32_t PrepareSample_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
+                                                                                  const unsigned char* sample,
+                                                                                  float* mono) {
+    constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
+    float w[N];
+    const std::uint32_t q = LocateSample<N>(lut, sample, w);
+    BuildMonomials_AVX512<NV>(w, mono);
+    return q;
+}
+
 // The sums of two 7-ink samples a and b of one cell, each row loaded once for
 // both. One sample's monomial costs three loads (two row halves and the
 // broadcast) or two loads and a permute on a vector pipe, with two multiplies
@@ -158,12 +171,9 @@ struct PairLaneTree_AVX512<I, I + 1> {
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
                                                                         const float* laneRows, const unsigned char* a,
                                                                         const unsigned char* b, __m512* out) {
-    float wa[7], wb[7];
-    const std::uint32_t q = LocateSample<7>(lut, a, wa);
-    LocateSample<7>(lut, b, wb);
     alignas(64) float monoA[128], monoB[128];
-    BuildMonomials_AVX512<32>(wa, monoA);
-    BuildMonomials_AVX512<32>(wb, monoB);
+    const std::uint32_t q = PrepareSample_AVX512<32>(lut, a, monoA);
+    PrepareSample_AVX512<32>(lut, b, monoB);
     const float* rows = laneRows + static_cast<std::size_t>(q) * 128 * kLaneRow;
     // Opaque pointers: the broadcasts stay loads, not permutes of the
     // monomial vectors still in registers.
@@ -183,19 +193,6 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const ZK
     out[1] = sum.ahi;
     out[2] = sum.blo;
     out[3] = sum.bhi;
-}
-
-// The cell of one sample of N = log2(4 NV) inks (LocateSample) and its 4 NV
-// monomials, stored to `mono` (64-byte aligned).
-template <int NV>
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline std::uint32_t PrepareSample_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
-                                                                                  const unsigned char* sample,
-                                                                                  float* mono) {
-    constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
-    float w[N];
-    const std::uint32_t q = LocateSample<N>(lut, sample, w);
-    BuildMonomials_AVX512<NV>(w, mono);
-    return q;
 }
 
 // The 31 sums of one sample of N = log2(4 NV) inks from its monomials

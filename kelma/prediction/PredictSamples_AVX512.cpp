@@ -96,8 +96,9 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
 
 // Samples block by block in cell order (CellOrder.h); 7 inks take two
 // neighbours of one cell at a time. The records are written in cell order,
-// scattered over the block's output, so each one is fetched for writing
-// (prefetchw) kRecordPrefetch samples ahead: about 4 % of the 7-ink time.
+// scattered over the block's output, so each one is prefetched (with the
+// write hint; without the prfchw target that is prefetcht0) kRecordPrefetch
+// samples ahead: about 4 % of the 7-ink time.
 constexpr unsigned int kRecordPrefetch = 16;
 
 template <int NV>
