@@ -166,15 +166,11 @@ struct PairLaneTree_AVX512<I, I + 1> {
     }
 };
 
-// The 31 sums of 7-ink samples a and b, which lie in one cell: out[0], out[1]
-// = a's lo and hi (as CellSums_AVX512), out[2], out[3] = b's.
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const ZKSSSE_EffectiveRampEntry* lut,
-                                                                        const float* laneRows, const unsigned char* a,
-                                                                        const unsigned char* b, __m512* out) {
-    alignas(64) float monoA[128], monoB[128];
-    const std::uint32_t q = PrepareSample_AVX512<32>(lut, a, monoA);
-    PrepareSample_AVX512<32>(lut, b, monoB);
-    const float* rows = laneRows + static_cast<std::size_t>(q) * 128 * kLaneRow;
+// The 31 sums of two 7-ink samples a and b of one cell from their monomials
+// (PrepareSample_AVX512): out[0], out[1] = a's lo and hi (as
+// CellSums_AVX512), out[2], out[3] = b's. `rows` points at the cell.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void CellSumsPair_AVX512(const float* rows, const float* monoA,
+                                                                        const float* monoB, __m512* out) {
     // Opaque pointers: the broadcasts stay loads, not permutes of the
     // monomial vectors still in registers.
     const float* ma = monoA;

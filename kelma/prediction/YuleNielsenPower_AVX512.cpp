@@ -15,6 +15,12 @@ namespace KELMA_NAMESPACE {
 KELMA_TARGET_AVX512 void YuleNielsenPower_AVX512(const float* in, float y, float* out, unsigned int count) {
     const ZKSPowerTables_AVX512 T = LoadPowerTables_AVX512();
     unsigned int i = 0;
+    for (; i + 64 <= count; i += 64) {
+        __m512 x[4], r[4];
+        for (int v = 0; v < 4; ++v) x[v] = _mm512_loadu_ps(in + i + 16 * v);
+        YuleNielsenPowerVectors_AVX512<4>(T, x, y, r);
+        for (int v = 0; v < 4; ++v) _mm512_storeu_ps(out + i + 16 * v, r[v]);
+    }
     for (; i + 16 <= count; i += 16) _mm512_storeu_ps(out + i, YuleNielsenPower16_AVX512(T, _mm512_loadu_ps(in + i), y));
     if (i < count) {
         // The tail with masked loads and stores; the idle lanes hold 1.0.
