@@ -75,8 +75,10 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void PowerInRange_AVX512(const ZK
         // p = (k0 + k1 r) + r^2 ((k2 + k3 r) + r^2 k4)
         __m512d r2[C], p01[C], p23[C];
         KELMA_EACH_CHAIN r2[c] = _mm512_mul_pd(r[c], r[c]);
-        KELMA_EACH_CHAIN p01[c] = _mm512_add_pd(_mm512_mul_pd(r[c], _mm512_set1_pd(kLog2[1])), _mm512_set1_pd(kLog2[0]));
-        KELMA_EACH_CHAIN p23[c] = _mm512_add_pd(_mm512_mul_pd(r[c], _mm512_set1_pd(kLog2[3])), _mm512_set1_pd(kLog2[2]));
+        KELMA_EACH_CHAIN p01[c] =
+            _mm512_add_pd(_mm512_mul_pd(r[c], _mm512_set1_pd(kLog2[1])), _mm512_set1_pd(kLog2[0]));
+        KELMA_EACH_CHAIN p23[c] =
+            _mm512_add_pd(_mm512_mul_pd(r[c], _mm512_set1_pd(kLog2[3])), _mm512_set1_pd(kLog2[2]));
         KELMA_EACH_CHAIN p[c] = _mm512_mul_pd(r2[c], _mm512_set1_pd(kLog2[4]));
         KELMA_EACH_CHAIN p[c] = _mm512_add_pd(p23[c], p[c]);
         KELMA_EACH_CHAIN p[c] = _mm512_add_pd(p01[c], _mm512_mul_pd(r2[c], p[c]));
@@ -107,26 +109,29 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void PowerInRange_AVX512(const ZK
 }
 #undef KELMA_EACH_CHAIN
 
-// x^y for V vectors of sixteen floats, as 2 V chains in lockstep. Lanes
-// outside the polynomial's domain (every lane when y is outside it) are
-// recomputed with powf.
+// x^y for V vectors of sixteen floats: 2 V chains of eight doubles, G at a
+// time in lockstep (G divides 2 V). Lanes outside the polynomial's domain
+// (every lane when y is outside it) are recomputed with powf.
 template <int V, int G = 2 * V>
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void YuleNielsenPowerVectors_AVX512(const ZKSPowerTables_AVX512& T,
                                                                                   const __m512* x, float y,
                                                                                   __m512* out) {
     using namespace yule_nielsen_power;
+    static_assert(G > 0 && (2 * V) % G == 0, "groups of G chains cover the 2 V chains");
     __m512d xd[2 * V], rd[2 * V];
     for (int v = 0; v < V; ++v) {
         xd[2 * v] = _mm512_cvtps_pd(_mm512_castps512_ps256(x[v]));
         xd[2 * v + 1] = _mm512_cvtps_pd(_mm512_extractf32x8_ps(x[v], 1));
     }
-    for (int g = 0; g < 2 * V; g += G) PowerInRange_AVX512<G>(T, xd + g, _mm512_set1_pd(static_cast<double>(y)), rd + g);
+    const __m512d yd = _mm512_set1_pd(static_cast<double>(y));
+    for (int g = 0; g < 2 * V; g += G) PowerInRange_AVX512<G>(T, xd + g, yd, rd + g);
     // In range: FLT_MIN <= x <= FLT_MAX, i.e. none of QNaN, +0, -0, +inf,
     // -inf, subnormal, negative, SNaN (the eight fpclass categories).
     __mmask16 bad[V];
     __mmask16 anyBad = 0;
     for (int v = 0; v < V; ++v) {
-        out[v] = _mm512_insertf32x8(_mm512_castps256_ps512(_mm512_cvtpd_ps(rd[2 * v])), _mm512_cvtpd_ps(rd[2 * v + 1]), 1);
+        out[v] = _mm512_insertf32x8(_mm512_castps256_ps512(_mm512_cvtpd_ps(rd[2 * v])),
+                                    _mm512_cvtpd_ps(rd[2 * v + 1]), 1);
         bad[v] = _mm512_fpclass_ps_mask(x[v], 0xFF);
         anyBad |= bad[v];
     }
