@@ -54,18 +54,6 @@ inline const float* CellRows(const ZKSPredictionJob& job, std::uint32_t q) {
     return job.laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
 }
 
-// One sample: its N bytes at `input`, its record at `out`.
-template <int NV>
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void LaneMajorSample_AVX512(const ZKSPredictionJob& job,
-                                                                          const ZKSPowerTables_AVX512& T,
-                                                                          const unsigned char* input, float* out) {
-    alignas(64) float mono[4 * NV];
-    const std::uint32_t q = PrepareSample_AVX512<NV>(job.lut, input, mono);
-    __m512 sums[2];
-    CellSums_AVX512<NV>(CellRows<NV>(job, q), mono, &sums[0], &sums[1]);
-    PowerAndStore_AVX512<1, NV == 4>(job, T, sums, &out);
-}
-
 // Samples in input order.
 template <int NV>
 KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller, unsigned int count,
@@ -94,80 +82,64 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
     }
 }
 
-// Samples block by block in cell order (CellOrder.h). The records are
-// written in cell order, scattered over the block's output, so each one is
+// In cell order (CellOrder.h) the records are written scattered over the
+// block's output, so each one is
 // prefetched (with the write hint; without the prfchw target that is
 // prefetcht0) kRecordPrefetch samples ahead: about 4 % of the 7-ink time.
 constexpr unsigned int kRecordPrefetch = 16;
 
-// 7 inks: neighbours in the order that share a cell go as a pair
-// (CellSumsPair_AVX512); a sample without one is paired with itself and its
-// record written twice with the same floats. Each pair's power runs one step
-// late, after the next pair's lookups and monomials and before its sums: the
-// power's eight chains in lockstep then overlap the preparation, a chain of
-// dependent loads and products, and the start of the tree. Measured on
-// AVX-512 (Zen 5), with the lockstep power: 12.1-13.5 -> 13.7-15.7 M/s; the
-// power right after its own sums, or inside a later turn of the next pair's
-// tree, gains nothing, and neither does prefetching the next cell's rows.
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void LaneMajorPairs_AVX512(const ZKSPredictionJob& job,
-                                                                         const ZKSPowerTables_AVX512& T,
-                                                                         const unsigned char* in, float* o,
-                                                                         const std::uint16_t* order,
-                                                                         const std::uint16_t* cells, unsigned int m) {
-    constexpr int N = 7;
-    const std::size_t stride = job.outStride;
-    alignas(64) float mono[2][128];
-    __m512 sums[4];
-    float* out[2] = {nullptr, nullptr};  // the records of the pair in `sums`
-    for (unsigned int j = 0; j < m;) {
-        for (unsigned int k = j + kRecordPrefetch; k < j + kRecordPrefetch + 2 && k < m; ++k) {
-            __builtin_prefetch(o + order[k] * stride, 1, 3);
-            __builtin_prefetch(o + order[k] * stride + 16, 1, 3);
-        }
-        const unsigned int a = order[j];
-        const unsigned int b = j + 1 < m && cells[j] == cells[j + 1] ? order[j + 1] : a;
-        j += b == a ? 1 : 2;
-        const std::uint32_t q = PrepareSample_AVX512<32>(job.lut, in + a * N, mono[0]);
-        PrepareSample_AVX512<32>(job.lut, in + b * N, mono[1]);
-        if (out[0] != nullptr) PowerAndStore_AVX512<2>(job, T, sums, out);
-        CellSumsPair_AVX512(CellRows<32>(job, q), mono[0], mono[1], sums);
-        out[0] = o + a * stride;
-        out[1] = o + b * stride;
-    }
-    if (out[0] != nullptr) PowerAndStore_AVX512<2>(job, T, sums, out);
-}
-
-template <int NV>
+// 7 inks, block by block in cell order: neighbours in the order that share a
+// cell go as a pair (CellSumsPair_AVX512); a sample without one is paired
+// with itself and its record written twice with the same floats. Each pair's
+// power runs one step late, after the next pair's lookups and monomials and
+// before its sums: the power's eight chains in lockstep then overlap the
+// preparation, a chain of dependent loads and products, and the start of the
+// tree. Measured on AVX-512 (Zen 5), with the lockstep power: 12.1-13.5 ->
+// 13.7-15.7 M/s; the power right after its own sums, or inside a later turn
+// of the next pair's tree, gains nothing, and neither does prefetching the
+// next cell's rows.
 KELMA_TARGET_AVX512 void LaneMajorByCell_AVX512(const ZKSPredictionJob& caller, unsigned int count,
-                                                const unsigned char* input, float* out) {
-    constexpr int N = NV == 4 ? 4 : (NV == 16 ? 6 : 7);
+                                                const unsigned char* input, float* output) {
+    constexpr int N = 7;
     const ZKSPredictionJob job = caller;
     const ZKSPowerTables_AVX512 T = LoadPowerTables_AVX512();
     const std::size_t stride = job.outStride;
     std::uint16_t order[kCellOrderBlock], cells[kCellOrderBlock];
+    alignas(64) float mono[2][128];
+    __m512 sums[4];
     for (unsigned int first = 0; first < count; first += kCellOrderBlock) {
         const unsigned int m = std::min(kCellOrderBlock, count - first);
         const unsigned char* in = input + std::size_t{first} * N;
-        float* o = out + first * stride;
+        float* o = output + first * stride;
         CellOrder<N>(job.lut, job.cellOrderCells, in, m, order, cells);
-        if constexpr (NV == 32) {
-            LaneMajorPairs_AVX512(job, T, in, o, order, cells, m);
-        } else {
-            for (unsigned int j = 0; j < m; ++j) {
-                if (j + kRecordPrefetch < m) {
-                    __builtin_prefetch(o + order[j + kRecordPrefetch] * stride, 1, 3);
-                    __builtin_prefetch(o + order[j + kRecordPrefetch] * stride + 16, 1, 3);
-                }
-                LaneMajorSample_AVX512<NV>(job, T, in + order[j] * N, o + order[j] * stride);
+        float* out[2] = {nullptr, nullptr};  // the records of the pair in `sums`
+        for (unsigned int j = 0; j < m;) {
+            for (unsigned int k = j + kRecordPrefetch; k < j + kRecordPrefetch + 2 && k < m; ++k) {
+                __builtin_prefetch(o + order[k] * stride, 1, 3);
+                __builtin_prefetch(o + order[k] * stride + 16, 1, 3);
             }
+            const unsigned int a = order[j];
+            const unsigned int b = j + 1 < m && cells[j] == cells[j + 1] ? order[j + 1] : a;
+            j += b == a ? 1 : 2;
+            const std::uint32_t q = PrepareSample_AVX512<32>(job.lut, in + a * N, mono[0]);
+            PrepareSample_AVX512<32>(job.lut, in + b * N, mono[1]);
+            if (out[0] != nullptr) PowerAndStore_AVX512<2>(job, T, sums, out);
+            CellSumsPair_AVX512(CellRows<32>(job, q), mono[0], mono[1], sums);
+            out[0] = o + a * stride;
+            out[1] = o + b * stride;
         }
+        if (out[0] != nullptr) PowerAndStore_AVX512<2>(job, T, sums, out);
     }
 }
 
+// CellOrderCells groups models of at most 256 cells whose rows exceed 1 MiB:
+// only 7 inks (3 grid points) are such, as 4 and 6 inks with at most 256
+// cells hold at most 512 KiB of rows. Any other model goes in input order,
+// which changes the speed, never a result.
 template <int NV>
 void LaneMajor_AVX512(const ZKSPredictionJob& job, unsigned int count, const unsigned char* input, float* out) {
-    if (job.cellOrderCells != 0)
-        LaneMajorByCell_AVX512<NV>(job, count, input, out);
+    if (NV == 32 && job.cellOrderCells != 0)
+        LaneMajorByCell_AVX512(job, count, input, out);
     else
         LaneMajorInOrder_AVX512<NV>(job, count, input, out);
 }
