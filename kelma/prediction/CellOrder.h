@@ -22,6 +22,23 @@
 namespace KELMA_NAMESPACE {
 
 constexpr unsigned int kCellOrderBlock = 8192;
+
+// In cell order the records are written scattered over the block's output,
+// so the kernels prefetch each one (with the write hint; without the prfchw
+// target that is prefetcht0) kRecordPrefetch samples ahead: every line it
+// touches, which is three for a record that does not start a line (the
+// output of a 16-byte aligned allocation). Measured for 7 inks on Zen 5: on
+// AVX-512 prefetching costs 4 % of the time, and with a record's third line
+// left out, records that do not start a line ran 10 % slower than those that
+// do; the AVX2 kernel runs 24 % faster with the prefetches than without.
+constexpr unsigned int kRecordPrefetch = 16;
+
+// `record` is the first float of a record, `last` the index of its last.
+inline void PrefetchRecord(const float* record, unsigned int last) {
+    __builtin_prefetch(record, 1, 3);
+    __builtin_prefetch(record + 16, 1, 3);
+    __builtin_prefetch(record + last, 1, 3);
+}
 // Grouping pays when a block holds several samples of a cell on average
 // (at least 8 in blocks of 2048, where this bound was measured).
 constexpr unsigned int kCellOrderMaxCells = 256;

@@ -57,13 +57,17 @@ KELMA_TARGET_AVX2 void LaneMajorByCell_AVX2(const ZKSPredictionJob& caller, unsi
     const ZKSPredictionJob job = caller;
     const yule_nielsen_power::ZKSPowerTables& T = yule_nielsen_power::PowerTables();
     const std::size_t stride = job.outStride;
+    const unsigned int last = job.packed ? kSpectralValues - 1 : kSpectrumStride - 1;  // a record's last float
     std::uint16_t order[kCellOrderBlock], cells[kCellOrderBlock];
     for (unsigned int first = 0; first < count; first += kCellOrderBlock) {
         const unsigned int m = std::min(kCellOrderBlock, count - first);
         const unsigned char* in = input + std::size_t{first} * N;
         float* o = out + first * stride;
         CellOrder<N>(job.lut, job.cellOrderCells, in, m, order, cells);
-        for (unsigned int j = 0; j < m; ++j) LaneMajorSample_AVX2<NV>(job, T, in + order[j] * N, o + order[j] * stride);
+        for (unsigned int j = 0; j < m; ++j) {
+            if (j + kRecordPrefetch < m) PrefetchRecord(o + order[j + kRecordPrefetch] * stride, last);
+            LaneMajorSample_AVX2<NV>(job, T, in + order[j] * N, o + order[j] * stride);
+        }
     }
 }
 

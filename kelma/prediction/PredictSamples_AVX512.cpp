@@ -89,15 +89,6 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
     }
 }
 
-// In cell order (CellOrder.h) the records are written scattered over the
-// block's output, so each one is prefetched (with the write hint; without the
-// prfchw target that is prefetcht0) kRecordPrefetch samples ahead: every
-// line it touches, which is three for a record that does not start a line
-// (the output of a 16-byte aligned allocation). Measured for 7 inks on
-// AVX-512 (Zen 5): prefetching 4 % of the time; a record's third line left
-// out, records that do not start a line ran 10 % slower than those that do.
-constexpr unsigned int kRecordPrefetch = 16;
-
 // 7 inks, block by block in cell order: neighbours in the order that share a
 // cell go as a pair (CellSumsPair_AVX512); a sample without one is paired
 // with itself and its record written twice with the same floats. Each pair's
@@ -126,12 +117,8 @@ KELMA_TARGET_AVX512 void LaneMajorByCell_AVX512(const ZKSPredictionJob& caller, 
         CellOrder<N>(job.lut, job.cellOrderCells, in, m, order, cells);
         float* out[2] = {nullptr, nullptr};  // the records of the pair in `sums`
         for (unsigned int j = 0; j < m;) {
-            for (unsigned int k = j + kRecordPrefetch; k < j + kRecordPrefetch + 2 && k < m; ++k) {
-                const float* record = o + order[k] * stride;
-                __builtin_prefetch(record, 1, 3);
-                __builtin_prefetch(record + 16, 1, 3);
-                __builtin_prefetch(record + last, 1, 3);
-            }
+            for (unsigned int k = j + kRecordPrefetch; k < j + kRecordPrefetch + 2 && k < m; ++k)
+                PrefetchRecord(o + order[k] * stride, last);
             const unsigned int a = order[j];
             const unsigned int b = j + 1 < m && cells[j] == cells[j + 1] ? order[j + 1] : a;
             j += b == a ? 1 : 2;
