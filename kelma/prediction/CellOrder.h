@@ -33,12 +33,15 @@ constexpr unsigned int kCellOrderBlock = 8192;
 // do; the AVX2 kernel runs 24 % faster with the prefetches than without.
 constexpr unsigned int kRecordPrefetch = 16;
 
-// `record` is the first float of a record, `last` the index of its last.
+// `record` is the first float of a record of 17 to 32 floats and `last` the
+// index of its last: floats 0, 16 and `last` lie in the (at most three) lines
+// the record touches, wherever it starts.
 inline void PrefetchRecord(const float* record, unsigned int last) {
     __builtin_prefetch(record, 1, 3);
     __builtin_prefetch(record + 16, 1, 3);
     __builtin_prefetch(record + last, 1, 3);
 }
+
 // Grouping pays when a block holds several samples of a cell on average
 // (at least 8 in blocks of 2048, where this bound was measured).
 constexpr unsigned int kCellOrderMaxCells = 256;
