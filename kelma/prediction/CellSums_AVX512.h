@@ -113,9 +113,11 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline std::uint32_t PrepareSample_AVX51
 // both. One sample's monomial costs three loads (two row halves and the
 // broadcast) or two loads and a permute on a vector pipe, with two multiplies
 // and two adds; two samples share the row halves, so a pair costs four loads
-// and eight vector operations, and the multiplies and adds, not the loads,
-// set the pace. Each sample's products and adds are the single-sample tree's
-// (the scalar twin's), so a pair gives the bits of two single samples.
+// and eight vector operations. On AVX-512 (Zen 5), with two loads per cycle
+// (broadcasts included), two multiplies and two adds, each of the three then
+// takes two cycles per leaf. Each sample's products and adds are the
+// single-sample tree's (the scalar twin's), so a pair gives the bits of two
+// single samples.
 //
 // Lane l (0..3) of the monomial vectors is a loop of four turns, each a
 // 32-leaf tree over rows l 32 .. l 32 + 31 (corners 4 i + l), a quarter of

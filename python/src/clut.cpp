@@ -81,10 +81,13 @@ Pixels PreparePixels(const py::object& pixels, const py::object& outObj, unsigne
 template <class Driver>
 void Apply(Driver& driver, const std::uint8_t* in, std::uint8_t* out, std::size_t count, unsigned inputs,
            unsigned outputs) {
+    bool callingThread = false;
+    if constexpr (std::is_same_v<Driver, ZKCWorkerCLUT_Thread>)
+        callingThread = !ZKCWorkerCLUT_Thread::WorthThreads(count);
     for (std::size_t start = 0; start < count; start += kMaxPixels) {
         const std::size_t c = std::min(kMaxPixels, count - start);
         if constexpr (std::is_same_v<Driver, ZKCWorkerCLUT_Thread>) {
-            if (!ZKCWorkerCLUT_Thread::WorthThreads(count)) {
+            if (callingThread) {
                 driver.CalculateOnCallingThread(in + start * inputs, out + start * outputs, c);
                 continue;
             }
