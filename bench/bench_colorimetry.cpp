@@ -1,5 +1,5 @@
-// Throughput of the colour basis: reflectance spectra to XYZ, and CIELAB to
-// LAB2000HL through the threaded driver.
+// Throughput of the colour basis: reflectance spectra to XYZ, XYZ to colour
+// bytes, and CIELAB to LAB2000HL through the threaded driver.
 #include <benchmark/benchmark.h>
 
 #include <random>
@@ -43,6 +43,26 @@ void BM_CalculateCIEXYZ(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * count);
 }
 BENCHMARK(BM_CalculateCIEXYZ)->Arg(1)->Arg(3);
+
+// Arg 0: 1 for CIELAB bytes, 0 for LAB2000HL bytes (the prediction drivers'
+// default). One illuminant; the XYZ of random spectra. Items: triples.
+void BM_CalculateCIELAB(benchmark::State& state) {
+    const unsigned count = 8192;
+    ZKCObserver obs(OBSERVER_CIE1931_2);
+    ZKCIlluminant_CIED50 d50;
+    ZKCLighting_Matrix m(obs, {&d50});
+    AlignedBuffer<float> spectra = Spectra(count);
+    std::vector<float> xyz(3 * std::size_t{count});
+    m.CalculateCIEXYZ(xyz.data(), spectra.data(), count, nullptr);
+    std::vector<unsigned char> out(3 * std::size_t{count});
+    for (auto _ : state) {
+        m.CalculateCIELAB(out.data(), xyz.data(), count, state.range(0) != 0);
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * count);
+}
+BENCHMARK(BM_CalculateCIELAB)->ArgName("cielab")->Arg(0)->Arg(1);
 
 // Arg 0: thread count (0 = all processors). Items: CIELAB triples.
 void BM_LAB2000HL_Thread(benchmark::State& state) {

@@ -16,3 +16,11 @@
 // For the small helpers of a kernel's inner loop (unrolled trees, one vector
 // step), which must end up inside the loop whatever the inliner estimates.
 #define KELMA_ALWAYS_INLINE __attribute__((always_inline))
+
+// Lockstep loops: `KELMA_LOCKSTEP(i, N) statement` runs the statement for
+// i = 0 .. N-1, fully unrolled. A kernel that has N independent dependency
+// chains writes each step for all of them before the next step, so that the
+// processor's scheduler holds operations of every chain at once; written one
+// chain after the other, the later chains' waiting operations fill it before
+// the first chain finishes.
+#define KELMA_LOCKSTEP(i, N) _Pragma("GCC unroll 16") for (int i = 0; i < (N); ++i)

@@ -49,7 +49,7 @@ KELMA_TARGET_AVX512 inline ZKSPowerTables_AVX512 LoadPowerTables_AVX512() {
 // fill the scheduler before the earlier ones finish. Measured alone on
 // AVX-512 (Zen 5), floats in L1: 32 floats as four chains one after the other
 // 90 cycles, in lockstep 69; 64 floats in lockstep 59 cycles per 32.
-#define KELMA_EACH_CHAIN _Pragma("GCC unroll 8") for (int c = 0; c < C; ++c)
+#define KELMA_EACH_CHAIN KELMA_LOCKSTEP(c, C)
 template <int C>
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void PowerInRange_AVX512(const ZKSPowerTables_AVX512& T,
                                                                         const __m512d* x, __m512d y,
