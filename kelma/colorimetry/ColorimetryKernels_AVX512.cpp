@@ -325,6 +325,22 @@ KELMA_TARGET_AVX512 void SpectraToXYZ_AVX512(const ZKSQuadRows& quads, const flo
     const float* s = spectra;
     unsigned int q = 0;
     std::size_t g = 0;
+    if (Q == 1) {
+        // One illuminant: the quad's weights stay in registers, and the loop
+        // loads only the spectra (it was bound by loads).
+        __m512 W[8];
+        for (int k = 0; k < 8; ++k) W[k] = _mm512_load_ps(quads.weights.data() + 16 * k);
+        const __m512 f = _mm512_broadcast_f32x4(_mm_load_ps(quads.factor.data()));
+        const unsigned int valid = quads.valid[0] * 0x1111u;
+        const unsigned int written = static_cast<unsigned int>(__builtin_popcount(valid));
+        for (; g + 4 <= total; g += 4, s += 4 * kSpectrumStride, xyz += written) {
+            __m512 V[4];
+            for (int k = 0; k < 4; ++k) V[k] = QuadDots_AVX512(s + k * kSpectrumStride, W);
+            const __m512 dots = _mm512_mul_ps(_mm512_permutexvar_ps(toQuadMajor, FinishQuads_AVX512(V)), f);
+            _mm512_mask_storeu_ps(xyz, static_cast<__mmask16>((1u << written) - 1),
+                                  _mm512_maskz_compress_ps(static_cast<__mmask16>(valid), dots));
+        }
+    }
     for (; g + 4 <= total; g += 4) {
         __m512 V[4];
         alignas(64) float f[16];

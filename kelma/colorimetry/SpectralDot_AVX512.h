@@ -17,12 +17,19 @@ namespace KELMA_NAMESPACE {
 
 // v of four rows: quarter j is row j's v. `w` holds the quad's weights,
 // 8 x 16 floats (64-byte aligned): entry 16 k + 4 j + l is slot 4 k + l of row j.
-KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 QuadDots_AVX512(const float* spectrum, const float* w) {
+// The weights come as a pointer or, held in registers by a loop over one
+// quad, as the 8 vectors w[k] = entries 16 k .. 16 k + 15.
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 QuadDots_AVX512(const float* spectrum, const __m512* w) {
     __m512 p[8];
-    for (int k = 0; k < 8; ++k)
-        p[k] = _mm512_mul_ps(_mm512_broadcast_f32x4(_mm_loadu_ps(spectrum + 4 * k)), _mm512_load_ps(w + 16 * k));
+    for (int k = 0; k < 8; ++k) p[k] = _mm512_mul_ps(_mm512_broadcast_f32x4(_mm_loadu_ps(spectrum + 4 * k)), w[k]);
     return _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(p[0], p[1]), _mm512_add_ps(p[2], p[3])),
                          _mm512_add_ps(_mm512_add_ps(p[4], p[5]), _mm512_add_ps(p[6], p[7])));
+}
+
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline __m512 QuadDots_AVX512(const float* spectrum, const float* w) {
+    __m512 v[8];
+    for (int k = 0; k < 8; ++k) v[k] = _mm512_load_ps(w + 16 * k);
+    return QuadDots_AVX512(spectrum, v);
 }
 
 // The lane sums of four QuadDots results V[0..3]: lane 4 j + k of the result
