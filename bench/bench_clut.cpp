@@ -37,6 +37,7 @@
 #include "kelma/clut/ZKCWorkerCLUT.h"
 #include "kelma/clut/ZKCWorkerCLUT_Thread.h"
 #include "kelma/threading/Threading.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -353,6 +354,7 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!kelma_test::CapKernelVariantFromEnvironment()) return 2;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     RatioReporter reporter;

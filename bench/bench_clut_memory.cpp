@@ -24,6 +24,7 @@
 #include "kelma/clut/ZKCWorkerCLUT_Thread.h"
 #include "kelma/threading/Threading.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -117,6 +118,7 @@ void WalkDispatcher() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!kelma_test::CapKernelVariantFromEnvironment()) return 2;
     const char* mode = argc > 1 ? argv[1] : "clut";
     if (std::strcmp(mode, "clut") == 0) {
         OneClut();

@@ -92,5 +92,3 @@ void BM_LAB2000HL_Thread(benchmark::State& state) {
 BENCHMARK(BM_LAB2000HL_Thread)->Arg(1)->Arg(0)->UseRealTime();
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -137,5 +137,3 @@ BENCHMARK(BM_BuildMultiInk)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(3);
-
-BENCHMARK_MAIN();

@@ -2,6 +2,7 @@
 // 7 inks (G = 3), spectral and byte mode, on one thread and on all
 // (BM_Predict); spectral mode on one thread in each kernel variant the
 // processor runs (BM_PredictVariant, variant 0 = reference .. 4 = avx512).
+// KELMA_KERNELS=NAME caps the variant of BM_Predict (bench/support/BenchMain.cpp).
 // Rates are per wall-clock second; the reported CPU time is the process's
 // (all threads), so samples per CPU second stay comparable on a busy machine.
 //   build/bench/bench_prediction --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
@@ -14,6 +15,7 @@
 #include "kelma/prediction/ZKCSSE_KELMA_Thread.h"
 #include "kelma/threading/Threading.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -61,7 +63,7 @@ void BM_PredictVariant(benchmark::State& state) {
         return;
     }
     kelma::SetCPUCountOverride(1);
-    kelma::SetKernelVariantCap(variant);
+    const kelma_test::ScopedKernelCap cap(variant);
     auto tm = kelma_test::MakeTestModel(s.inks, s.grid, 2.2, 42);
     kelma::ZKCSSE_KELMA_Data model = tm.Build(true);
     std::mt19937 rng(1);
@@ -73,7 +75,6 @@ void BM_PredictVariant(benchmark::State& state) {
         driver.Wait();
         benchmark::ClobberMemory();
     }
-    kelma::SetKernelVariantCap(kelma::KERNEL_AVX512);
     kelma::SetCPUCountOverride(0);
     state.SetItemsProcessed(state.iterations() * kSamples);
     state.SetLabel(std::to_string(s.inks) + " inks, " + kelma::KernelVariantName(variant));
@@ -94,5 +95,3 @@ BENCHMARK(BM_Predict)
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime()
     ->UseRealTime();
-
-BENCHMARK_MAIN();

@@ -38,6 +38,7 @@
 #include "kelma/profile/ProfileTables.h"
 #include "tests/profile/LittleCMSTestSupport.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/TestSupport.h"
 
 using namespace kelma;
 
@@ -212,6 +213,7 @@ void AgainstModel(const ZKCSSE_KELMA_Data& model) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!kelma_test::CapKernelVariantFromEnvironment()) return 2;
     const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
     const int runs = quick ? 1 : 3;
     std::printf("kelma ICC profile benchmark: %u worker threads, 33-point tables, ICC v4, TAC 300 %%, max black "

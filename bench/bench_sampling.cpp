@@ -101,5 +101,3 @@ BENCHMARK(BM_Resample)
     ->Args({1, 0})
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
-
-BENCHMARK_MAIN();

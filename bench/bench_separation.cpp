@@ -45,6 +45,7 @@
 #include "kelma/kelma.h"
 #include "kelma/separation/ZKCSeparation_Evaluator.h"
 #include "tests/support/ModelGenerator.h"
+#include "tests/support/TestSupport.h"
 
 using namespace kelma;
 
@@ -372,6 +373,7 @@ double GamutVolume(const ZKCSeparation& sep) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!kelma_test::CapKernelVariantFromEnvironment()) return 2;
     bool quick = false;
     const char* csvDir = nullptr;
     for (int i = 1; i < argc; ++i) {

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "kelma/common/KernelVariant.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -55,18 +56,12 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
 
     if (name != nullptr && *name != '\0') {
-        kelma::KERNEL_VARIANT variant;
-        if (!kelma::ParseKernelVariant(name, &variant)) {
-            std::fprintf(stderr, "%s=%s is not a kernel variant; use reference, sse2, ssse3, avx2 or avx512\n",
-                         source, name);
-            return 2;
-        }
+        if (!kelma_test::CapKernelVariant(source, name)) return 2;
+        const kelma::KERNEL_VARIANT variant = kelma::KernelVariantCap();
         if (!kelma::KernelVariantSupported(variant)) {
             if (listing) return 0;  // nothing to register for this processor
-            ::testing::AddGlobalTestEnvironment(new UnsupportedVariant(
-                std::string("this processor cannot run the ") + name + " kernels"));
+            ::testing::AddGlobalTestEnvironment(new UnsupportedVariant(kelma_test::UnsupportedVariant(variant)));
         }
-        kelma::SetKernelVariantCap(variant);
     }
     return RUN_ALL_TESTS();
 }

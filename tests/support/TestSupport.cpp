@@ -1,5 +1,8 @@
 #include "tests/support/TestSupport.h"
 
+#include <cstdio>
+#include <cstdlib>
+
 #include "kelma/threading/Threading.h"
 
 namespace kelma_test {
@@ -11,6 +14,22 @@ kelma::AlignedBuffer<float> RandomSpectra(std::size_t count, std::uint32_t seed)
     for (std::size_t s = 0; s < count; ++s)
         for (unsigned int i = 0; i < kelma::kSpectralValues; ++i) spectra[s * kelma::kSpectrumStride + i] = value(rng);
     return spectra;
+}
+
+bool CapKernelVariant(const char* source, const char* name) {
+    kelma::KERNEL_VARIANT variant;
+    if (!kelma::ParseKernelVariant(name, &variant)) {
+        std::fprintf(stderr, "%s=%s is not a kernel variant; use reference, sse2, ssse3, avx2 or avx512\n", source,
+                     name);
+        return false;
+    }
+    kelma::SetKernelVariantCap(variant);
+    return true;
+}
+
+bool CapKernelVariantFromEnvironment() {
+    const char* name = std::getenv("KELMA_KERNELS");
+    return name == nullptr || *name == '\0' || CapKernelVariant("KELMA_KERNELS", name);
 }
 
 ScopedCPUCount::ScopedCPUCount(unsigned int n) { kelma::SetCPUCountOverride(n); }

@@ -46,6 +46,15 @@ inline std::string UnsupportedVariant(kelma::KERNEL_VARIANT v) {
     return std::string("this processor cannot run the ") + kelma::KernelVariantName(v) + " kernels";
 }
 
+// Caps the kernel variant at the one `name` names (reference, sse2, ssse3,
+// avx2, avx512), as the test binaries' --kelma_kernels and every binary's
+// KELMA_KERNELS do. A name that is no variant: false, after one line on
+// stderr naming `source` (the argument or variable it came from).
+bool CapKernelVariant(const char* source, const char* name);
+// The cap from KELMA_KERNELS when it is set and not empty (the benchmarks);
+// true when it is unset.
+bool CapKernelVariantFromEnvironment();
+
 // Names the cases of a suite parameterised over kAllKernelVariants.
 template <class ParamInfo>
 std::string KernelVariantParamName(const ParamInfo& info) {
