@@ -1,12 +1,53 @@
 #include "kelma/colorimetry/ColorimetryKernels.h"
 
-#include "kelma/colorimetry/LabBytes_AVX512.h"
+#include <algorithm>
+#include <cmath>
+
+#include "kelma/colorimetry/LabBytesMargins.h"
 #include "kelma/colorimetry/LabBytes_Scalar.h"
 #include "kelma/colorimetry/SpectralDot_SSE.h"
 #include "kelma/colorimetry/SpectralDot_Scalar.h"
+#include "kelma/colorspace/Lab2000hlTables.h"
 #include "kelma/common/Types.h"
 
 namespace KELMA_NAMESPACE {
+
+const ZKSLabMargins& LabMargins() {
+    static const ZKSLabMargins margins = [] {
+        // Steepest step of each table along each axis (per unit of L*, a*, b*).
+        const double* L = Lab2000hlLutL();
+        const double* A = Lab2000hlLutA();
+        const double* B = Lab2000hlLutB();
+        double sL = 0.0, sAa = 0.0, sAb = 0.0, sBa = 0.0, sBb = 0.0;
+        for (unsigned int i = 0; i + 1 < kLab2000hlLSize; ++i) sL = std::max(sL, std::fabs(L[i + 1] - L[i]) * 100.0);
+        for (unsigned int b = 0; b < kLab2000hlGridSide; ++b)
+            for (unsigned int a = 0; a < kLab2000hlGridSide; ++a) {
+                const unsigned int k = a + kLab2000hlGridSide * b;
+                if (a + 1 < kLab2000hlGridSide) {
+                    sAa = std::max(sAa, std::fabs(A[k + 1] - A[k]));
+                    sBa = std::max(sBa, std::fabs(B[k + 1] - B[k]));
+                }
+                if (b + 1 < kLab2000hlGridSide) {
+                    sAb = std::max(sAb, std::fabs(A[k + kLab2000hlGridSide] - A[k]));
+                    sBb = std::max(sBb, std::fabs(B[k + kLab2000hlGridSide] - B[k]));
+                }
+            }
+        // |d L*| <= 116 e, |d a*| <= 1000 e, |d b*| <= 400 e for cube roots
+        // off by e; four times the resulting bound, plus the rounding noise
+        // of two evaluations of a few dozen operations on values below 300.
+        const double e = kCubeRootError;
+        const double noise = 1e-9;
+        ZKSLabMargins m;
+        m.cielab[0] = 4.0 * kCIELABByteScaleL * 116.0 * e + noise;
+        m.cielab[1] = 4.0 * 1000.0 * e + noise;
+        m.cielab[2] = 4.0 * 400.0 * e + noise;
+        m.lab2000hl[0] = 4.0 * kLab2000hlByteScaleL * sL * 116.0 * e + noise;
+        m.lab2000hl[1] = 4.0 * kLab2000hlByteScaleAB * (sAa * 1000.0 + sAb * 400.0) * e + noise;
+        m.lab2000hl[2] = 4.0 * kLab2000hlByteScaleAB * (sBa * 1000.0 + sBb * 400.0) * e + noise;
+        return m;
+    }();
+    return margins;
+}
 
 namespace {
 
@@ -85,10 +126,9 @@ ZKCColorimetryPlan::ZKCColorimetryPlan(KERNEL_VARIANT variant, const float* weig
     : variant_(variant), weights_(weights), n_(n) {
     if (factor != nullptr) factor_.assign(factor, factor + 3 * std::size_t{n});
     if (inverseWhite != nullptr) inverseWhite_.assign(inverseWhite, inverseWhite + 3 * std::size_t{n});
-    if (variant_ == KERNEL_AVX512) {
-        if (weights != nullptr) quads_ = MakeQuadRows(weights, n, factor);
-        if (inverseWhite != nullptr) whiteLanes_ = MakeWhiteLanes(inverseWhite, n);
-    }
+    if (variant_ == KERNEL_AVX512 && weights != nullptr) quads_ = MakeQuadRows(weights, n, factor);
+    if ((variant_ == KERNEL_AVX2 || variant_ == KERNEL_AVX512) && inverseWhite != nullptr)
+        whiteLanes_ = MakeWhiteLanes(inverseWhite, n);
 }
 
 void ZKCColorimetryPlan::SpectraToXYZ(const float* spectra, unsigned int count, float* xyz) const {
@@ -105,6 +145,8 @@ void ZKCColorimetryPlan::SpectraToXYZ(const float* spectra, unsigned int count, 
 void ZKCColorimetryPlan::XYZToLabBytes(const float* xyz, unsigned int count, bool cielab, unsigned char* out) const {
     if (variant_ == KERNEL_AVX512)
         XYZToLabBytes_AVX512(whiteLanes_, inverseWhite_.data(), xyz, count, cielab, out, LabMargins());
+    else if (variant_ == KERNEL_AVX2)
+        XYZToLabBytes_AVX2(whiteLanes_, inverseWhite_.data(), xyz, count, cielab, out, LabMargins());
     else
         XYZToLabBytes_Scalar(n_, inverseWhite_.data(), xyz, count, cielab, out);
 }

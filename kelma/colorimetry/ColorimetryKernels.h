@@ -2,7 +2,8 @@
 // XYZ, and XYZ to colour bytes. Every variant gives the scalar twins' results
 // bit for bit (SpectralDot_Scalar.h, LabBytes_Scalar.h):
 //   KERNEL_REFERENCE  the scalar twins
-//   KERNEL_SSE2 .. KERNEL_AVX2  four-lane dot products (SpectralDot_SSE.h), scalar bytes
+//   KERNEL_SSE2, KERNEL_SSSE3  four-lane dot products (SpectralDot_SSE.h), scalar bytes
+//   KERNEL_AVX2       four-lane dot products, four triples at once (LabBytes_AVX2.h)
 //   KERNEL_AVX512     four rows per vector (SpectralDot_AVX512.h) and eight
 //                     triples at once (LabBytes_AVX512.h)
 // A plan holds the variant and the tables its loops read, prepared once for
@@ -27,7 +28,7 @@ struct ZKSQuadRows {
 };
 ZKSQuadRows MakeQuadRows(const float* weights, unsigned int n, const float* factor);
 
-// Inverse whites per lane for LabBytes_AVX512.h: group g of eight triples
+// Inverse whites per lane for the AVX2 and AVX-512 bytes: group g of eight triples
 // has the illuminants (8 g + l) mod n, which repeat with g mod n (the phase).
 struct ZKSWhiteLanes {
     unsigned int n = 0;
@@ -60,7 +61,7 @@ private:
     std::vector<float> factor_;  // empty: none
     std::vector<double> inverseWhite_;
     ZKSQuadRows quads_;          // AVX-512, with weights
-    ZKSWhiteLanes whiteLanes_;   // AVX-512, with inverse whites
+    ZKSWhiteLanes whiteLanes_;   // AVX2 and AVX-512, with inverse whites
 };
 
 // One-call forms (a plan made for the call).
@@ -69,10 +70,12 @@ void SpectraToXYZ(KERNEL_VARIANT variant, const float* weights, unsigned int n, 
 void XYZToLabBytes(KERNEL_VARIANT variant, unsigned int n, const double* inverseWhite, const float* xyz,
                    unsigned int count, bool cielab, unsigned char* out);
 
-// The AVX-512 loops (`weights` and `factor` also serve the scalar tail).
+// The AVX2 and AVX-512 loops (`weights` and `factor` also serve the scalar tail).
 void SpectraToXYZ_AVX512(const ZKSQuadRows& quads, const float* weights, const float* factor, const float* spectra,
                          unsigned int count, float* xyz);
 struct ZKSLabMargins;
+void XYZToLabBytes_AVX2(const ZKSWhiteLanes& lanes, const double* inverseWhite, const float* xyz,
+                        unsigned int count, bool cielab, unsigned char* out, const ZKSLabMargins& margins);
 void XYZToLabBytes_AVX512(const ZKSWhiteLanes& lanes, const double* inverseWhite, const float* xyz,
                           unsigned int count, bool cielab, unsigned char* out, const ZKSLabMargins& margins);
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kelma/colorimetry/ColorimetryKernels.h"
+#include "kelma/colorimetry/LabBytes_AVX2.h"
 #include "kelma/colorimetry/LabBytes_AVX512.h"
 #include "kelma/colorimetry/LabBytes_Scalar.h"
 #include "kelma/colorimetry/SpectralDot_Scalar.h"
@@ -175,38 +176,68 @@ TEST_P(ColorimetryVariant, BytesEqualTheTwinAtTheirRoundingBoundaries) {
 INSTANTIATE_TEST_SUITE_P(Variants, ColorimetryVariant, ::testing::ValuesIn(kelma_test::kAllKernelVariants),
                          kelma_test::KernelVariantParamName<::testing::TestParamInfo<KERNEL_VARIANT>>);
 
-// The fast cube root of the AVX-512 bytes stays far inside the error its
-// margins assume (about 2e-15 against 1e-13), over a dense sweep of its range.
-TEST(LabBytesAVX512, CubeRootIsFarInsideTheAssumedError) {
-    if (!KernelVariantSupported(KERNEL_AVX512)) GTEST_SKIP() << UnsupportedVariant(KERNEL_AVX512);
+// The fast byte paths: AVX2 (four lanes) and AVX-512 (eight).
+class FastLabBytes : public ::testing::TestWithParam<KERNEL_VARIANT> {
+protected:
+    void SetUp() override {
+        if (!KernelVariantSupported(GetParam())) GTEST_SKIP() << UnsupportedVariant(GetParam());
+    }
+    void CubeRoots(const std::vector<double>& t, std::vector<double>& root) const {
+        root.assign(t.size(), 0.0);
+        const auto n = static_cast<unsigned int>(t.size());
+        if (GetParam() == KERNEL_AVX2)
+            CubeRoots_AVX2(t.data(), root.data(), n);
+        else
+            CubeRoots_AVX512(t.data(), root.data(), n);
+    }
+    void Bytes(const ZKSWhiteLanes& lanes, const std::vector<double>& inv, const std::vector<float>& xyz,
+               unsigned int count, bool cielab, unsigned char* out, const ZKSLabMargins& margins) const {
+        if (GetParam() == KERNEL_AVX2)
+            XYZToLabBytes_AVX2(lanes, inv.data(), xyz.data(), count, cielab, out, margins);
+        else
+            XYZToLabBytes_AVX512(lanes, inv.data(), xyz.data(), count, cielab, out, margins);
+    }
+};
+
+// The fast cube root stays far inside the error the margins assume (about
+// 2e-15 against 1e-13), over a dense sweep of its range; the two variants'
+// roots are the same doubles (one algorithm, the same operations).
+TEST_P(FastLabBytes, CubeRootIsFarInsideTheAssumedErrorAndTheSameInBothVariants) {
     std::vector<double> t;
     for (double v = 0.008856; v <= kCubeRootMaxT; v *= 1.0000037) t.push_back(v);
     t.push_back(kCubeRootMaxT);
-    std::vector<double> root(t.size());
-    CubeRoots_AVX512(t.data(), root.data(), static_cast<unsigned int>(t.size()));
+    std::vector<double> root;
+    CubeRoots(t, root);
     double worst = 0.0;
     for (std::size_t i = 0; i < t.size(); ++i)
         worst = std::max(worst, std::fabs(root[i] - std::pow(t[i], 0.3333333333333333)));
     EXPECT_LT(worst, kCubeRootError / 20) << "worst " << worst;
+    if (GetParam() == KERNEL_AVX2 && KernelVariantSupported(KERNEL_AVX512)) {
+        std::vector<double> wide(t.size());
+        CubeRoots_AVX512(t.data(), wide.data(), static_cast<unsigned int>(t.size()));
+        for (std::size_t i = 0; i < t.size(); ++i) ASSERT_EQ(root[i], wide[i]) << "t = " << t[i];
+    }
 }
 
 // With margins so wide that every triple that used the fast cube root goes
 // to the twin, the bytes are still the twin's: the fallback path (lane to
-// illuminant mapping, output positions) is right.
-TEST(LabBytesAVX512, TheFallbackPathGivesTheTwinsBytes) {
-    if (!KernelVariantSupported(KERNEL_AVX512)) GTEST_SKIP() << UnsupportedVariant(KERNEL_AVX512);
+// illuminant mapping, output positions) is right, at every count that ends
+// a group of four or eight triples differently.
+TEST_P(FastLabBytes, TheFallbackPathGivesTheTwinsBytes) {
     const ZKCLighting_Matrix m = Matrix(3);
     const std::vector<double> inv = InverseWhite(m);
-    const unsigned int count = 1001;
-    const std::vector<float> xyz = MixedXYZ(std::size_t{count} * 3, 5);
+    const std::vector<float> xyz = MixedXYZ(std::size_t{1001} * 3, 5);
     ZKSLabMargins everything;
     for (int c = 0; c < 3; ++c) everything.cielab[c] = everything.lab2000hl[c] = 1.0;
-    for (bool cielab : {false, true}) {
-        std::vector<unsigned char> out(9 * count), twin(9 * count);
-        XYZToLabBytes_AVX512(MakeWhiteLanes(inv.data(), 3), inv.data(), xyz.data(), count, cielab, out.data(),
-                             everything);
-        for (std::size_t t = 0; t < std::size_t{count} * 3; ++t)
-            LabBytes_Scalar(&xyz[3 * t], &inv[3 * (t % 3)], cielab, &twin[3 * t]);
-        ASSERT_EQ(out, twin);
-    }
+    for (unsigned int count : {1u, 2u, 5u, 11u, 1001u})
+        for (bool cielab : {false, true}) {
+            std::vector<unsigned char> out(9 * count + 7, 0xEE), twin(9 * count + 7, 0xEE);
+            Bytes(MakeWhiteLanes(inv.data(), 3), inv, xyz, count, cielab, out.data(), everything);
+            for (std::size_t t = 0; t < std::size_t{count} * 3; ++t)
+                LabBytes_Scalar(&xyz[3 * t], &inv[3 * (t % 3)], cielab, &twin[3 * t]);
+            ASSERT_EQ(out, twin) << "count " << count << (cielab ? " CIELAB" : " LAB2000HL");
+        }
 }
+
+INSTANTIATE_TEST_SUITE_P(Variants, FastLabBytes, ::testing::Values(KERNEL_AVX2, KERNEL_AVX512),
+                         kelma_test::KernelVariantParamName<::testing::TestParamInfo<KERNEL_VARIANT>>);
