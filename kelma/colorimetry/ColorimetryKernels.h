@@ -70,7 +70,8 @@ void SpectraToXYZ(KERNEL_VARIANT variant, const float* weights, unsigned int n, 
 void XYZToLabBytes(KERNEL_VARIANT variant, unsigned int n, const double* inverseWhite, const float* xyz,
                    unsigned int count, bool cielab, unsigned char* out);
 
-// The AVX2 and AVX-512 loops (`weights` and `factor` also serve the scalar tail).
+// The AVX2 and AVX-512 loops (SpectraToXYZ_AVX512's `weights` and `factor` also serve
+// its scalar tail).
 void SpectraToXYZ_AVX512(const ZKSQuadRows& quads, const float* weights, const float* factor, const float* spectra,
                          unsigned int count, float* xyz);
 struct ZKSLabMargins;
