@@ -214,6 +214,7 @@ KELMA_TARGET_AVX2 KELMA_ALWAYS_INLINE inline void LabBytesGroups(const LabGroup4
 // g mod n), each in two halves of four; kGroupsAtOnce halves go through
 // LabBytesGroups together, the last ones alone.
 constexpr int kGroupsAtOnce = 4;
+static_assert(kGroupsAtOnce % 2 == 0, "whole eight-triple groups, so that the phases stay in step");
 
 template <bool Cielab>
 KELMA_TARGET_AVX2 void LabBytesLoop(const ZKSWhiteLanes& lanes, const double* inverseWhite, const float* xyz,

@@ -1,6 +1,7 @@
 // The AVX-512 loops of the lighting matrix: four rows of one spectrum per
 // vector, sixteen dot products finished per step (SpectralDot_AVX512.h), and
-// eight colour-byte triples per step (LabBytes_AVX512.h).
+// colour bytes eight triples per vector, four vectors per step
+// (LabBytes_AVX512.h).
 // GCC 12 warns about the intrinsics' own "undefined vector" idiom when they
 // are inlined (a false positive); nothing in this file reads uninitialised data.
 #if defined(__GNUC__) && !defined(__clang__)  // GCC only; clang has no such warning
@@ -9,8 +10,6 @@
 #endif
 
 #include <algorithm>
-#include <cmath>
-#include <vector>
 
 #include "kelma/colorimetry/ColorimetryKernels.h"
 #include "kelma/colorimetry/LabBytes_AVX512.h"
