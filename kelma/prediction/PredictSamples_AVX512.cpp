@@ -26,11 +26,8 @@ namespace {
 // upper half is wavelength 31, the pad: it holds 1.0 for the power (keeping
 // it on the fast path) and 0.0 in the record, or is not stored at all in
 // packed records. The 4 S chains of eight doubles run in lockstep
-// (YuleNielsenPowerVectors_AVX512), or with Split one after the other: in the
-// 4-ink loop, where the next sample's preparation and short tree run beside
-// the power, that measured 8 % faster than lockstep on AVX-512 (Zen 5);
-// 6 and 7 inks gain 3-4 % from lockstep.
-template <int S, bool Packed, bool Split = false>
+// (YuleNielsenPowerVectors_AVX512).
+template <int S, bool Packed>
 KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void PowerAndStore_AVX512(const ZKSPredictionJob& job,
                                                                         const ZKSPowerTables_AVX512& T,
                                                                         const __m512* sums, float* const* out) {
@@ -41,7 +38,7 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline void PowerAndStore_AVX512(const Z
         x[2 * s] = sums[2 * s];
         x[2 * s + 1] = _mm512_mask_mov_ps(sums[2 * s + 1], kPad, _mm512_set1_ps(1.0f));
     }
-    YuleNielsenPowerVectors_AVX512<2 * S, Split ? 1 : 4 * S>(T, x, job.n, r);
+    YuleNielsenPowerVectors_AVX512<2 * S, 4 * S>(T, x, job.n, r);
     for (int s = 0; s < S; ++s) {
         _mm512_storeu_ps(out[s], r[2 * s]);
         const __m512 hi = _mm512_mask_mov_ps(r[2 * s + 1], kPad, _mm512_setzero_ps());
@@ -61,7 +58,8 @@ inline const float* CellRows(const ZKSPredictionJob& job, std::uint32_t q) {
     return job.laneRows + static_cast<std::size_t>(q) * (4 * NV) * kLaneRow;
 }
 
-// Samples in input order.
+// Samples in input order, one at a time (6 inks, and 7 inks without the
+// cell order).
 template <int NV, bool Packed>
 KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller, unsigned int count,
                                                  const unsigned char* input, float* out) {
@@ -74,8 +72,9 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
     // Each sample's monomials are prepared one sample ahead, into the other
     // half of a double buffer: the lookups, products and stores of the next
     // sample then run beside this sample's sums instead of ahead of its first
-    // broadcast. Measured on AVX-512 (Zen 5): 4 inks 13 % faster, 6 inks 2 %.
-    // (The 7-ink pairs of LaneMajorByCell_AVX512 gained nothing from it.)
+    // broadcast. Measured on AVX-512 (Zen 5): 6 inks 2 % faster; 4 inks,
+    // which then went this way too, 13 %. (The 7-ink pairs of
+    // LaneMajorByCell_AVX512 gained nothing from it.)
     if (count == 0) return;
     alignas(64) float mono[2][4 * NV];
     std::uint32_t cell = PrepareSample_AVX512<NV>(job.lut, input, mono[0]);
@@ -84,9 +83,58 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
         if (s + 1 < count) next = PrepareSample_AVX512<NV>(job.lut, input + N, mono[(s + 1) & 1]);
         __m512 sums[2];
         CellSums_AVX512<NV>(CellRows<NV>(job, cell), mono[s & 1], &sums[0], &sums[1]);
-        PowerAndStore_AVX512<1, Packed, NV == 4>(job, T, sums, &out);
+        PowerAndStore_AVX512<1, Packed>(job, T, sums, &out);
         cell = next;
     }
+}
+
+// The monomials of the pair of 4-ink samples a and a + 1 (a alone as both
+// when it is the last) to mono[0] and mono[1], and their cells.
+struct ZKSCellPair {
+    std::uint32_t a, b;
+};
+KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline ZKSCellPair PreparePair4_AVX512(const ZKSPredictionJob& job,
+                                                                               const unsigned char* input,
+                                                                               unsigned int a, unsigned int count,
+                                                                               float (*mono)[16]) {
+    const unsigned int b = a + 1 < count ? a + 1 : a;
+    const std::uint32_t qa = PrepareSample_AVX512<4>(job.lut, input + a * 4, mono[0]);
+    return {qa, PrepareSample_AVX512<4>(job.lut, input + b * 4, mono[1])};
+}
+
+// 4 inks in input order, two samples at a time; an odd count's last sample
+// is paired with itself and its record written twice with the same floats.
+// The next pair's lookups and monomials are prepared one pair ahead, into the
+// other half of a double buffer, and each pair's power (eight chains in
+// lockstep) runs one step late, before the next pair's sums, as in the 7-ink
+// loop below. On AVX-512 (Zen 4), where a 512-bit operation takes a 256-bit
+// pipe for two cycles, the power of 32 floats alone costs 112 cycles as four
+// chains and 100-102 per 32 as eight, and the loop went from 177 cycles per
+// sample (one sample at a time, its four chains one after the other) to 163
+// (4096 samples with their records in L2, the best of 400 calls). Each
+// sample's sums and power are the single sample's, so the bits are too.
+template <bool Packed>
+KELMA_TARGET_AVX512 void LaneMajorPairs4_AVX512(const ZKSPredictionJob& caller, unsigned int count,
+                                                const unsigned char* input, float* output) {
+    const ZKSPredictionJob job = caller;
+    const ZKSPowerTables_AVX512 T = LoadPowerTables_AVX512();
+    const std::size_t stride = job.outStride;
+    if (count == 0) return;
+    alignas(64) float mono[2][2][16];
+    ZKSCellPair cells = PreparePair4_AVX512(job, input, 0, count, mono[0]);
+    __m512 sums[4];
+    float* out[2] = {nullptr, nullptr};  // the records of the pair in `sums`
+    for (unsigned int a = 0, k = 0; a < count; a += 2, k ^= 1) {
+        ZKSCellPair next{0, 0};
+        if (a + 2 < count) next = PreparePair4_AVX512(job, input, a + 2, count, mono[k ^ 1]);
+        if (out[0] != nullptr) PowerAndStore_AVX512<2, Packed>(job, T, sums, out);
+        CellSums_AVX512<4>(CellRows<4>(job, cells.a), mono[k][0], &sums[0], &sums[1]);
+        CellSums_AVX512<4>(CellRows<4>(job, cells.b), mono[k][1], &sums[2], &sums[3]);
+        out[0] = output + a * stride;
+        out[1] = output + (a + 1 < count ? a + 1 : a) * stride;
+        cells = next;
+    }
+    PowerAndStore_AVX512<2, Packed>(job, T, sums, out);
 }
 
 // 7 inks, block by block in cell order: neighbours in the order that share a
@@ -139,12 +187,16 @@ KELMA_TARGET_AVX512 void LaneMajorByCell_AVX512(const ZKSPredictionJob& caller, 
 // which changes the speed, never a result.
 template <int NV>
 void LaneMajor_AVX512(const ZKSPredictionJob& job, unsigned int count, const unsigned char* input, float* out) {
-    if (NV == 32 && job.cellOrderCells != 0)
+    if constexpr (NV == 4) {
+        job.packed ? LaneMajorPairs4_AVX512<true>(job, count, input, out)
+                   : LaneMajorPairs4_AVX512<false>(job, count, input, out);
+    } else if (NV == 32 && job.cellOrderCells != 0) {
         job.packed ? LaneMajorByCell_AVX512<true>(job, count, input, out)
                    : LaneMajorByCell_AVX512<false>(job, count, input, out);
-    else
+    } else {
         job.packed ? LaneMajorInOrder_AVX512<NV, true>(job, count, input, out)
                    : LaneMajorInOrder_AVX512<NV, false>(job, count, input, out);
+    }
 }
 
 }  // namespace
