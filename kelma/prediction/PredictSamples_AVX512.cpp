@@ -98,8 +98,8 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline ZKSCellPair PreparePair4_AVX512(c
                                                                                unsigned int a, unsigned int count,
                                                                                float (*mono)[16]) {
     const unsigned int b = a + 1 < count ? a + 1 : a;
-    const std::uint32_t qa = PrepareSample_AVX512<4>(job.lut, input + a * 4, mono[0]);
-    return {qa, PrepareSample_AVX512<4>(job.lut, input + b * 4, mono[1])};
+    const std::uint32_t qa = PrepareSample_AVX512<4>(job.lut, input + std::size_t{a} * 4, mono[0]);
+    return {qa, PrepareSample_AVX512<4>(job.lut, input + std::size_t{b} * 4, mono[1])};
 }
 
 // 4 inks in input order, two samples at a time; an odd count's last sample
