@@ -88,8 +88,12 @@ KELMA_TARGET_AVX512 void LaneMajorInOrder_AVX512(const ZKSPredictionJob& caller,
     }
 }
 
-// The monomials of the pair of 4-ink samples a and a + 1 (a alone as both
-// when it is the last) to mono[0] and mono[1], and their cells.
+// The second sample of the pair that starts at sample a of `count`: a + 1,
+// or a itself when it is the last.
+inline unsigned int PairPartner(unsigned int a, unsigned int count) { return a + 1 < count ? a + 1 : a; }
+
+// The monomials of the pair of 4-ink samples that starts at a to mono[0] and
+// mono[1], and their cells.
 struct ZKSCellPair {
     std::uint32_t a, b;
 };
@@ -97,7 +101,7 @@ KELMA_TARGET_AVX512 KELMA_ALWAYS_INLINE inline ZKSCellPair PreparePair4_AVX512(c
                                                                                const unsigned char* input,
                                                                                unsigned int a, unsigned int count,
                                                                                float (*mono)[16]) {
-    const unsigned int b = a + 1 < count ? a + 1 : a;
+    const unsigned int b = PairPartner(a, count);
     const std::uint32_t qa = PrepareSample_AVX512<4>(job.lut, input + std::size_t{a} * 4, mono[0]);
     return {qa, PrepareSample_AVX512<4>(job.lut, input + std::size_t{b} * 4, mono[1])};
 }
@@ -131,7 +135,7 @@ KELMA_TARGET_AVX512 void LaneMajorPairs4_AVX512(const ZKSPredictionJob& caller, 
         CellSums_AVX512<4>(CellRows<4>(job, cells.a), mono[k][0], &sums[0], &sums[1]);
         CellSums_AVX512<4>(CellRows<4>(job, cells.b), mono[k][1], &sums[2], &sums[3]);
         out[0] = output + a * stride;
-        out[1] = output + (a + 1 < count ? a + 1 : a) * stride;
+        out[1] = output + PairPartner(a, count) * stride;
         cells = next;
     }
     PowerAndStore_AVX512<2, Packed>(job, T, sums, out);
